@@ -1,0 +1,76 @@
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <utility>
+#include <vector>
+
+#include "runtime/Ptr.h"
+#include "runtime/Reactor.h"
+
+namespace Kel {
+
+// Base of every notifying object. Keeps the reactors bound to it and delivers
+// notifications synchronously. A delivery goes to the reactors bound when it
+// began; one unbound, destroyed or marked for deletion meanwhile gets nothing
+// more, and the notifier itself may go away during delivery.
+class Entity : public PtrInterface {
+ public:
+  std::size_t reactors() const { return reactors_.size() - vacancies_; }
+
+  // Registration, called by NotifieeBase::notifierIs. A notifier that keeps
+  // per-reactor state (the clock's timers) extends reactorDel.
+  void reactorIs(Reactor* r) const { reactors_.push_back(r); }
+  virtual void reactorDel(Reactor* r) const;
+
+ protected:
+  ~Entity() override;
+
+  template <class N, class... Params, class... Args>
+  void notify(void (N::*callback)(Params...), Args const&... args) const {
+    if (reactors_.empty()) return;
+    Delivery d{deliveries_};
+    deliveries_ = &d;
+    std::exception_ptr failure;
+    std::size_t const n = reactors_.size();
+    for (std::size_t i = 0; i < n && !d.notifierGone; ++i) {
+      Reactor* r = reactors_[i];
+      if (!r || r->markedForDeletion()) continue;
+      try {
+        (static_cast<N*>(r)->*callback)(args...);
+      } catch (...) {
+        try {
+          r->onNotificationException();
+        } catch (...) {
+          if (!failure) failure = std::current_exception();
+        }
+      }
+    }
+    if (!d.notifierGone) endDelivery(d);
+    if (failure) std::rethrow_exception(failure);
+  }
+
+  void zeroReferencesIs() override;
+
+ private:
+  struct Delivery {
+    Delivery* outer;
+    bool notifierGone = false;
+  };
+  void endDelivery(Delivery& d) const;
+
+  mutable std::vector<Reactor*> reactors_;
+  mutable std::uint32_t vacancies_ = 0;
+  mutable Delivery* deliveries_ = nullptr;
+};
+
+// Assigns v to field and tells whether it changed; the notifying scalar
+// mutators use it so that setting the present value notifies nobody.
+template <class T>
+bool changed(T& field, T const& v) {
+  if (field == v) return false;
+  field = v;
+  return true;
+}
+
+}  // namespace Kel

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "runtime/Ptr.h"
+
+namespace Kel {
+
+class Entity;
+
+// Base of every reactor (notifiee). A reactor is bound to at most one notifier
+// and holds it by Ptr while bound, so a notifier outlives its reactors.
+class Reactor : public PtrInterface {
+ public:
+  // A reactor marked for deletion receives no more callbacks.
+  bool markedForDeletion() const { return markedForDeletion_; }
+  void markedForDeletionIs(bool v) { markedForDeletion_ = v; }
+
+  // Called inside the catch block when a callback of this reactor threw.
+  // The default rethrows: the notifier finishes the fan-out to the other
+  // reactors and then rethrows the first such exception to its caller.
+  virtual void onNotificationException() { throw; }
+
+  // The notifier's last reference went.
+  virtual void onZeroReferences() {}
+
+ protected:
+  friend class Entity;
+  ~Reactor() override = default;
+
+ private:
+  bool markedForDeletion_ = false;
+};
+
+// Reactor bound to notifiers of type T; T::NotifieeConst derives from it and
+// adds T's callbacks.
+template <class T>
+class NotifieeBase : public Reactor {
+ public:
+  using Notifier = T;
+
+  Ptr<T const> notifier() const { return notifier_; }
+
+  // Rebinding unregisters from the old notifier; null unbinds. Binding to a
+  // non-null notifier calls onNotifier() so the owner can catch up.
+  void notifierIs(Ptr<T const> const& n) {
+    if (n == notifier_) return;
+    Ptr<T const> old = notifier_;
+    if (old) old->reactorDel(this);
+    notifier_ = n;
+    if (n) {
+      n->reactorIs(this);
+      if (!markedForDeletion()) onNotifier();
+    }
+  }
+
+  virtual void onNotifier() {}
+
+ protected:
+  ~NotifieeBase() override {
+    if (notifier_) notifier_->reactorDel(this);
+  }
+
+ private:
+  Ptr<T const> notifier_;
+};
+
+}  // namespace Kel

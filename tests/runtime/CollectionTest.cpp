@@ -1,0 +1,98 @@
+#include "runtime/Collection.h"
+#include "runtime/LinkQueue.h"
+#include "runtime/Name.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace {
+
+template <class C>
+std::vector<int> values(C const& c) {
+  std::vector<int> v;
+  for (auto const& [k, x] : c) v.push_back(x);
+  return v;
+}
+
+TEST(CollectionTest, KeepsInsertionOrderThroughReplaceAndErase) {
+  Kel::Collection<Kel::Name, int> c;
+  EXPECT_TRUE(c.insert("b", 1));
+  EXPECT_TRUE(c.insert("a", 2));
+  EXPECT_TRUE(c.insert("c", 3));
+  EXPECT_FALSE(c.insert("b", 10)) << "replacing keeps the position";
+  EXPECT_EQ((std::vector<int>{10, 2, 3}), values(c));
+  EXPECT_EQ(2, *c.erase("a"));
+  EXPECT_FALSE(c.erase("a"));
+  EXPECT_EQ(nullptr, c.find("a"));
+  c.insert("a", 4);
+  EXPECT_EQ((std::vector<int>{10, 3, 4}), values(c));
+  EXPECT_EQ(10, c.popFront()->second);
+  EXPECT_EQ(2u, c.size());
+}
+
+TEST(CollectionTest, ErasingOtherEntriesWhileIteratingIsSafe) {
+  Kel::Collection<std::uint32_t, int> c;
+  for (std::uint32_t i = 0; i < 10; ++i) c.insert(i, int(i));
+  std::vector<int> seen;
+  for (auto const& [k, v] : c) {
+    seen.push_back(v);
+    c.erase(k + 1);  // the next one goes before it is reached
+  }
+  EXPECT_EQ((std::vector<int>{0, 2, 4, 6, 8}), seen);
+}
+
+TEST(NameTest, InternedNamesCompareByIdentityAndPrintTheirText) {
+  Kel::Name a("requester"), b(std::string("requester")), c("other");
+  EXPECT_EQ(a, b);
+  EXPECT_EQ(a.charPtr(), b.charPtr());
+  EXPECT_FALSE(a == c);
+  EXPECT_TRUE(c < a);
+  EXPECT_TRUE(Kel::Name().empty());
+  EXPECT_EQ(Kel::String("requester"), Kel::String(a));
+}
+
+TEST(LinkQueueTest, IndicesAdvanceAndMembersCanBeReadAndDeletedByIndex) {
+  Kel::LinkQueue<int> q;
+  EXPECT_EQ(0u, q.enq(10));
+  EXPECT_EQ(1u, q.enq(11));
+  EXPECT_EQ(2u, q.enq(12));
+  EXPECT_EQ(11, *q.at(1));
+  EXPECT_TRUE(q.del(1));
+  EXPECT_FALSE(q.del(1));
+  EXPECT_EQ(nullptr, q.at(1));
+  EXPECT_EQ(2u, q.members());
+  EXPECT_EQ(10, *q.deq());
+  EXPECT_EQ(12, *q.deq()) << "the deleted member is skipped";
+  EXPECT_FALSE(q.deq());
+  EXPECT_EQ(3u, q.head());
+  EXPECT_EQ(3u, q.tail());
+}
+
+TEST(LinkQueueTest, WrapsAroundTheTopOfTheIndexSpace) {
+  Kel::LinkQueue<int> q(0xFFFFFFFEu);
+  EXPECT_EQ(0xFFFFFFFEu, q.enq(1));
+  EXPECT_EQ(0xFFFFFFFFu, q.enq(2));
+  EXPECT_EQ(0u, q.enq(3));
+  EXPECT_EQ(3, *q.at(0));
+  EXPECT_EQ(1, *q.deq());
+  EXPECT_EQ(2, *q.deq());
+  EXPECT_EQ(3, *q.deq());
+  EXPECT_EQ(1u, q.head());
+}
+
+TEST(LinkQueueTest, FullIndexSpaceRefusesTheEnqueue) {
+  Kel::LinkQueue<int> q(14, 16);  // a small index space, wrapping at 16
+  for (int i = 0; i < 15; ++i) q.enq(i);
+  try {
+    q.enq(99);
+    FAIL() << "no exception";
+  } catch (Kel::RangeException const& e) {
+    EXPECT_STREQ("linkqueue index space full", e.what());
+  }
+  EXPECT_EQ(15u, q.members());
+  EXPECT_EQ(0, *q.deq());
+  EXPECT_EQ(13u, q.enq(15)) << "a dequeue makes room again";
+}
+
+}  // namespace
