@@ -1,0 +1,67 @@
+#include "FileReplication/FileReplicationUtils.h"
+
+#include <libgen.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <memory>
+
+#include "runtime/Trace.h"
+
+KEL_TRACE_FACILITY("FileReplicationUtils")
+
+namespace FileReplication {
+
+namespace Commands {
+
+Kel::Ptr<Kel::ChildSiginfo const> rsyncFile(Kel::String8 remoteHostsString, Kel::String8 source, Kel::String8 target,
+                                            Kel::String8 rsyncOptions) {
+  KEL_TRACE(6, "rsycnFile remoteHostsString:" << remoteHostsString << " source:" << source << " target:" << target
+                                               << " rsyncOptions: " << rsyncOptions);
+  if (remoteHostsString != "") {
+    char const* argv[] = {"Replicate", "--cmd",    "rsyncFile",         "--remoteHosts",
+                          remoteHostsString.charPtr(), "--source", source.charPtr(), "--target",
+                          target.charPtr(),            "--rsyncOptions", rsyncOptions.charPtr(), nullptr};
+    return Kel::run(argv, -1, -1, -1, -1);
+  }
+  char const* argv[] = {"Replicate",       "--cmd",          "rsyncFile", "--source", source.charPtr(), "--target",
+                        target.charPtr(), "--rsyncOptions", rsyncOptions.charPtr(), nullptr};
+  return Kel::run(argv, -1, -1, -1, -1);
+}
+
+Kel::Ptr<Kel::ChildSiginfo const> deleteFile(Kel::String8 remoteHostsString, Kel::String8 target) {
+  KEL_TRACE(6, "deleteFile remoteHostsString:" << remoteHostsString << " target:" << target);
+  if (remoteHostsString != "") {
+    char const* argv[] = {"Replicate", "--cmd",    "deleteFile",     "--remoteHosts",
+                          remoteHostsString.charPtr(), "--target", target.charPtr(), nullptr};
+    return Kel::run(argv, -1, -1, -1, -1);
+  }
+  char const* argv[] = {"Replicate", "--cmd", "deleteFile", "--target", target.charPtr(), nullptr};
+  return Kel::run(argv, -1, -1, -1, -1);
+}
+
+}  // namespace Commands
+
+namespace Utils {
+
+bool exists(Kel::String8 path) {
+  struct stat st;
+  return stat(path.charPtr(), &st) == 0;
+}
+
+Kel::String8 dirname(Kel::String8 path) {
+  auto scratch = std::make_unique<char[]>(path.size() + 1);
+  strcpy(scratch.get(), path.charPtr());
+  return Kel::String8(::dirname(scratch.get()));
+}
+
+Kel::String8 filename(Kel::String8 path) {
+  auto scratch = std::make_unique<char[]>(path.size() + 1);
+  strcpy(scratch.get(), path.charPtr());
+  // The POSIX basename, not the GNU one: "a/b/" gives "b" and "" gives ".".
+  return Kel::String8(__xpg_basename(scratch.get()));
+}
+
+}  // namespace Utils
+
+}  // namespace FileReplication

@@ -1,0 +1,32 @@
+#pragma once
+
+#include "runtime/ChildSiginfo.h"
+#include "runtime/Ptr.h"
+#include "runtime/String.h"
+
+namespace FileReplication {
+
+// Starts the external Replicate command for one file. Each value becomes
+// exactly one element of the argument vector: nothing is quoted or split, and
+// no shell is involved.
+namespace Commands {
+
+Kel::Ptr<Kel::ChildSiginfo const> rsyncFile(Kel::String8 remoteHostsString, Kel::String8 source, Kel::String8 target,
+                                            Kel::String8 rsyncOptions);
+Kel::Ptr<Kel::ChildSiginfo const> deleteFile(Kel::String8 remoteHostsString, Kel::String8 target);
+
+}  // namespace Commands
+
+namespace Utils {
+
+// True exactly when stat() succeeds: a dangling symbolic link, or a path
+// behind a directory we may not search, counts as missing.
+bool exists(Kel::String8 path);
+// POSIX dirname and basename, on a scratch copy since both may write into
+// their argument.
+Kel::String8 dirname(Kel::String8 path);
+Kel::String8 filename(Kel::String8 path);
+
+}  // namespace Utils
+
+}  // namespace FileReplication

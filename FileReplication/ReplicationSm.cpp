@@ -1,0 +1,392 @@
+#include "FileReplication/ReplicationSm.h"
+
+#include <csignal>
+#include <iomanip>
+
+#include "FileReplication/FileReplicationUtils.h"
+#include "runtime/ActivityManager.h"
+#include "runtime/Trace.h"
+
+KEL_TRACE_FACILITY("FileReplicationSm")
+
+namespace FileReplication {
+
+namespace {
+
+constexpr double never = Kel::Clock::never;
+
+}  // namespace
+
+#define SM_TRACE_ENTRY() KEL_TRACE(3, __PRETTY_FUNCTION__ << ": State=" << state_)
+#define SM_TRACE(message) KEL_TRACE(6, __PRETTY_FUNCTION__ << message)
+
+class ReplicationSm::KelRequesterConfig : public RequesterConfig::NotifieeConst {
+ public:
+  explicit KelRequesterConfig(ReplicationSm* sm) : sm_(sm) {}
+  void onNotifier() override { sm_->handleEnabled(); }
+  void onEnabled() override { sm_->handleEnabled(); }
+  // A host added, removed or changed may turn a local copy onto itself into
+  // a remote one, or back.
+  void onRemoteHost(Kel::String) override { sm_->handleEnabled(); }
+  void onRemoteHost() override { sm_->handleEnabled(); }
+
+ private:
+  ReplicationSm* sm_;
+};
+
+class ReplicationSm::KelReplicationTimeoutClock : public Kel::Clock::NotifieeConst {
+ public:
+  explicit KelReplicationTimeoutClock(ReplicationSm* sm) : sm_(sm) {}
+  void onNotifier() override { sm_->handleReplicationTimeout(); }
+  void onTime() override { sm_->handleReplicationTimeout(); }
+
+ private:
+  ReplicationSm* sm_;
+};
+
+class ReplicationSm::KelBackoffClock : public Kel::Clock::NotifieeConst {
+ public:
+  explicit KelBackoffClock(ReplicationSm* sm) : sm_(sm) {}
+  void onNotifier() override { sm_->handleBackoffTimeout(); }
+  void onTime() override { sm_->handleBackoffTimeout(); }
+
+ private:
+  ReplicationSm* sm_;
+};
+
+class ReplicationSm::KelReplicationCmd : public Kel::ChildSiginfo::NotifieeConst {
+ public:
+  explicit KelReplicationCmd(ReplicationSm* sm) : sm_(sm) {}
+  void onNotifier() override { sm_->handleReplicationCmdSignalCode(); }
+  void onSignalCode() override { sm_->handleReplicationCmdSignalCode(); }
+
+ private:
+  ReplicationSm* sm_;
+};
+
+Kel::Ptr<ReplicationSm> ReplicationSm::ReplicationSmIs(Kel::String8 name,
+                                                       Kel::Ptr<RequesterConfig const> requesterConfig,
+                                                       Kel::Ptr<FileConfig const> fileConfig,
+                                                       Kel::Ptr<FileStatus> fileStatus) {
+  return new ReplicationSm(std::move(name), std::move(requesterConfig), std::move(fileConfig), std::move(fileStatus));
+}
+
+ReplicationSm::ReplicationSm(Kel::String8 name, Kel::Ptr<RequesterConfig const> requesterConfig,
+                             Kel::Ptr<FileConfig const> fileConfig, Kel::Ptr<FileStatus> fileStatus)
+    : name_(std::move(name)),
+      requesterConfig_(std::move(requesterConfig)),
+      fileConfig_(std::move(fileConfig)),
+      fileStatus_(std::move(fileStatus)) {
+  repoint(kelRequesterConfig_, requesterConfig_);
+  // Usually ends in enableReplication(), so the first run starts from here.
+  handleInitialized();
+}
+
+ReplicationSm::~ReplicationSm() {
+  // Kills a running child (status failed) and disarms the timers before the
+  // reactors let go of their notifiers.
+  disableReplication();
+  initializedIs(false);
+  release(kelReplicationCmd_);
+  release(kelBackoffClock_);
+  release(kelReplicationTimeoutClock_);
+  release(kelRequesterConfig_);
+}
+
+template <class R, class N>
+void ReplicationSm::repoint(Kel::Ptr<R>& reactor, Kel::Ptr<N const> const& notifier) {
+  // Unhooking keeps the reactor: it may be the one delivering right now.
+  if (!reactor) {
+    if (!notifier) return;
+    reactor = new R(this);
+  }
+  reactor->notifierIs(notifier);
+}
+
+template <class R>
+void ReplicationSm::release(Kel::Ptr<R>& reactor) {
+  if (!reactor) return;
+  reactor->markedForDeletionIs(true);
+  reactor->notifierIs(nullptr);
+  reactor = nullptr;
+}
+
+Kel::String8 ReplicationSm::path() const { return Kel::String8(fileConfig_->path()); }
+Kel::String8 ReplicationSm::dstPath() const { return fileConfig_->dstPath(); }
+Kel::String8 ReplicationSm::rsyncOptions() const { return fileConfig_->rsyncOptions(); }
+Kel::String8 ReplicationSm::remoteHostsString() const { return requesterConfig_->remoteHostsString(); }
+bool ReplicationSm::enabled() const { return requesterConfig_->enabled(); }
+double ReplicationSm::replicationTimeout() const { return requesterConfig_->replicationTimeout(); }
+double ReplicationSm::retryInterval() const { return requesterConfig_->retryInterval(); }
+
+double ReplicationSm::replicationTimeoutTime() const {
+  return kelReplicationTimeoutClock_ ? kelReplicationTimeoutClock_->timeMin() : never;
+}
+
+double ReplicationSm::backoffTime() const { return kelBackoffClock_ ? kelBackoffClock_->timeMin() : never; }
+
+void ReplicationSm::stateIs(State s) {
+  if (Kel::changed(state_, s)) notify(&NotifieeConst::onState);
+}
+
+void ReplicationSm::replicationTimeoutClockIs(Kel::Ptr<Kel::Clock const> const& clock) {
+  if (replicationTimeoutClock_ == clock) return;
+  replicationTimeoutClock_ = clock;
+  repoint(kelReplicationTimeoutClock_, clock);
+}
+
+void ReplicationSm::backoffClockIs(Kel::Ptr<Kel::Clock const> const& clock) {
+  if (backoffClock_ == clock) return;
+  backoffClock_ = clock;
+  repoint(kelBackoffClock_, clock);
+}
+
+void ReplicationSm::replicationCmdIs(Kel::Ptr<Kel::ChildSiginfo const> const& cmd) {
+  if (replicationCmd_ == cmd) return;
+  replicationCmd_ = cmd;
+  repoint(kelReplicationCmd_, cmd);
+  notify(&NotifieeConst::onReplicationCmd);
+}
+
+void ReplicationSm::initializedIs(bool v) {
+  if (Kel::changed(initialized_, v)) notify(&NotifieeConst::onInitialized);
+}
+
+void ReplicationSm::handleInitialized() {
+  KEL_TRACE(3, __PRETTY_FUNCTION__ << ": ");
+  replicationTimeoutClockIs(Kel::activityManager()->clock());
+  kelReplicationTimeoutClock_->timeMinIs(never);
+  backoffClockIs(Kel::activityManager()->clock());
+  kelBackoffClock_->timeMinIs(never);
+  initializedIs(true);
+  handleEnabled();
+}
+
+void ReplicationSm::handleEnabled() {
+  if (!initialized_) return;
+  // Without remote hosts the copy would land on the source itself.
+  bool const noRemoteForSameDstPath = remoteHostsString() == "" && dstPath() == path();
+  KEL_TRACE(3, __PRETTY_FUNCTION__ << ": State=" << state_ << " src=" << path() << " dst=" << dstPath()
+                                   << " enabled=" << enabled() << " remoteHostsString=" << remoteHostsString()
+                                   << " noRemoteForSameDstPath=" << noRemoteForSameDstPath);
+  if (enabled() && !noRemoteForSameDstPath) {
+    enableReplication();
+  } else {
+    disableReplication();
+  }
+}
+
+void ReplicationSm::enableReplication() {
+  SM_TRACE_ENTRY();
+  if (state_ == disabled) {
+    SM_TRACE(": Changing state to replicating");
+    stateIs(replicating);
+    startReplication();
+  } else {
+    SM_TRACE(": NoOp");
+  }
+}
+
+void ReplicationSm::disableReplication() {
+  SM_TRACE_ENTRY();
+  switch (state_) {
+    case replicating:
+    case queued:
+      SM_TRACE(": Stopping replication");
+      stopReplication();
+      stateIs(disabled);
+      break;
+    case backoff:
+      SM_TRACE(": Resetting backoff timer");
+      kelBackoffClock_->timeMinIs(never);
+      stateIs(disabled);
+      break;
+    case disabled:
+    case standby:
+      stateIs(disabled);
+      break;
+  }
+}
+
+void ReplicationSm::replicate() {
+  if (!initialized_) return;
+  SM_TRACE_ENTRY();
+  switch (state_) {
+    case replicating:
+      // The running child is left alone; one more run follows it.
+      SM_TRACE(": Changing state to queued");
+      stateIs(queued);
+      break;
+    case standby:
+      SM_TRACE(": Changing state to replicating");
+      stateIs(replicating);
+      startReplication();
+      break;
+    case disabled:
+    case queued:
+    case backoff:
+      // In back-off the expiry starts the next run anyway.
+      SM_TRACE(": NoOp");
+      break;
+  }
+}
+
+void ReplicationSm::startReplication() {
+  SM_TRACE_ENTRY();
+  updateFileStatus(FileStatus::inProgress);
+  SM_TRACE("hostsString=" << remoteHostsString() << " path=" << path() << " dstPath=" << dstPath()
+                          << " rsyncOptions=" << rsyncOptions());
+  // Armed before the child starts, so time spent waiting for a slot counts.
+  startReplicationTimeoutClock();
+  if (Utils::exists(path())) {
+    SM_TRACE(": Syncing file");
+    replicationCmdIs(Commands::rsyncFile(remoteHostsString(), path(), dstPath(), rsyncOptions()));
+  } else {
+    SM_TRACE(": Deleting file");
+    replicationCmdIs(Commands::deleteFile(remoteHostsString(), dstPath()));
+  }
+}
+
+void ReplicationSm::stopReplication() {
+  SM_TRACE_ENTRY();
+  if (replicationCmd_) {
+    SM_TRACE("Killing child process with PID=" << replicationCmd_->pid());
+    // Through the runtime: a child still waiting for a slot is cancelled
+    // rather than signalled, so pid 0 is never signalled.
+    replicationCmd_->kill(SIGKILL);
+    updateFileStatus(FileStatus::failed);
+    // Dropped before its exit is reported, so that report never reaches us.
+    replicationCmdIs(nullptr);
+  }
+  kelReplicationTimeoutClock_->timeMinIs(never);
+}
+
+void ReplicationSm::startReplicationTimeoutClock() {
+  if (!initialized_) return;
+  SM_TRACE_ENTRY();
+  SM_TRACE(": Setting replication timeout to " << replicationTimeout() << "sec");
+  kelReplicationTimeoutClock_->timeMinIs(Kel::now() + replicationTimeout());
+}
+
+void ReplicationSm::startBackoffClock() {
+  if (!initialized_) return;
+  SM_TRACE_ENTRY();
+  SM_TRACE(": Setting backoff timeout to " << retryInterval() << "sec");
+  kelBackoffClock_->timeMinIs(Kel::now() + retryInterval());
+}
+
+void ReplicationSm::handleReplicationCmdSignalCode() {
+  if (!initialized_) return;
+  KEL_TRACE(3, __PRETTY_FUNCTION__ << ": State=" << state_ << " SignalCode=" << replicationCmd_->signalCode()
+                                   << " ExitStatus=" << replicationCmd_->exitStatus());
+  // Also called when the reactor is bound, before the child has ended.
+  if (replicationCmd_->signalCode() == Kel::ChildSiginfo::notEnded) return;
+  bool const success = replicationCmd_->exitStatus() == 0 && replicationCmd_->signalCode() == Kel::ChildSiginfo::exited;
+  replicationCmdIs(nullptr);
+  kelReplicationTimeoutClock_->timeMinIs(never);
+  if (success) {
+    SM_TRACE("Replication was successful");
+    switch (state_) {
+      case replicating:
+        SM_TRACE(": Changing state to standby");
+        stateIs(standby);
+        updateFileStatus(FileStatus::synchronized);
+        break;
+      case queued:
+        SM_TRACE(": Changing state to replicating");
+        stateIs(replicating);
+        updateFileStatus(FileStatus::synchronized);
+        startReplication();
+        break;
+      default:
+        SM_TRACE("NoOp");
+        break;
+    }
+  } else {
+    SM_TRACE("Replication failed");
+    switch (state_) {
+      case replicating:
+      case queued:
+        // A queued request is covered by the retry after the back-off.
+        SM_TRACE(": Changing state to backoff");
+        stateIs(backoff);
+        updateFileStatus(FileStatus::failed);
+        startBackoffClock();
+        break;
+      default:
+        SM_TRACE(": NoOp");
+        break;
+    }
+  }
+}
+
+void ReplicationSm::handleReplicationTimeout() {
+  if (!initialized_) return;
+  SM_TRACE_ENTRY();
+  if (state_ == replicating || state_ == queued) {
+    SM_TRACE(": Changing state to backoff");
+    stateIs(backoff);
+    stopReplication();
+    startBackoffClock();
+  } else {
+    SM_TRACE(": NoOp");
+  }
+}
+
+void ReplicationSm::handleBackoffTimeout() {
+  if (!initialized_) return;
+  SM_TRACE_ENTRY();
+  if (state_ == backoff) {
+    SM_TRACE(": Changing state to replicating");
+    stateIs(replicating);
+    startReplication();
+  } else {
+    SM_TRACE(": NoOp");
+  }
+}
+
+void ReplicationSm::updateFileStatus(FileStatus::Status status) {
+  KEL_TRACE(3, __PRETTY_FUNCTION__ << ": ");
+  if (!fileStatus_) {
+    SM_TRACE("No file status for file: " << path());
+    return;
+  }
+  SM_TRACE("Updating status of " << path() << " to " << status);
+  fileStatus_->statusIs(status);
+  if (status == FileStatus::synchronized) {
+    fileStatus_->lastSynchronizedIs(Kel::now());
+    SM_TRACE(path() << " is synced at: " << std::setprecision(12) << fileStatus_->lastSynchronized());
+  }
+}
+
+void ReplicationSm::deleteFile() {
+  KEL_TRACE(3, __PRETTY_FUNCTION__ << ": ");
+  if (Utils::exists(path())) return;
+  // Fire and forget: the child is not watched and no status is written.
+  Commands::deleteFile(remoteHostsString(), dstPath());
+}
+
+Kel::NamedOperations<ReplicationSm> const& ReplicationSm::operations() {
+  static Kel::NamedOperations<ReplicationSm> const table{
+      {"replicate", &ReplicationSm::replicate},
+      {"deleteFile", &ReplicationSm::deleteFile},
+      {"enableReplication", &ReplicationSm::enableReplication},
+      {"disableReplication", &ReplicationSm::disableReplication},
+  };
+  return table;
+}
+
+std::ostream& operator<<(std::ostream& o, ReplicationSm::State state) {
+  switch (state) {
+    case ReplicationSm::disabled: return o << "disabled";
+    case ReplicationSm::replicating: return o << "replicating";
+    case ReplicationSm::queued: return o << "queued";
+    case ReplicationSm::standby: return o << "standby";
+    case ReplicationSm::backoff: return o << "backoff";
+  }
+  char text[40];
+  std::snprintf(text, sizeof text, "ReplicationSm::State(%d)", static_cast<int>(state));
+  return o << text;
+}
+
+}  // namespace FileReplication

@@ -1,0 +1,121 @@
+#pragma once
+
+#include <ostream>
+
+#include "entities/FileConfig.h"
+#include "entities/FileStatus.h"
+#include "entities/RequesterConfig.h"
+#include "runtime/ChildSiginfo.h"
+#include "runtime/Clock.h"
+#include "runtime/Entity.h"
+#include "runtime/NamedOperations.h"
+#include "runtime/String.h"
+
+namespace FileReplication {
+
+// Keeps one configured file replicated: runs at most one Replicate child at a
+// time, bounds it with the replication time-out, waits retryInterval after a
+// failure, folds requests that arrive during a run into one further run, and
+// records each outcome in the file's FileStatus.
+class ReplicationSm : public Kel::Entity {
+ public:
+  enum State : std::uint32_t { disabled = 0, replicating = 1, queued = 2, standby = 3, backoff = 4 };
+
+  class NotifieeConst : public Kel::NotifieeBase<ReplicationSm> {
+   public:
+    virtual void onState() {}
+    virtual void onReplicationCmd() {}
+    virtual void onInitialized() {}
+  };
+  using Notifiee = NotifieeConst;
+
+  static Kel::Ptr<ReplicationSm> ReplicationSmIs(Kel::String8 name, Kel::Ptr<RequesterConfig const> requesterConfig,
+                                                 Kel::Ptr<FileConfig const> fileConfig,
+                                                 Kel::Ptr<FileStatus> fileStatus);
+
+  Kel::String8 const& name() const { return name_; }
+  Kel::Ptr<RequesterConfig const> requesterConfig() const { return requesterConfig_; }
+  Kel::Ptr<FileConfig const> fileConfig() const { return fileConfig_; }
+  Kel::Ptr<FileStatus> fileStatus() const { return fileStatus_; }
+  State state() const { return state_; }
+  Kel::Ptr<Kel::Clock const> replicationTimeoutClock() const { return replicationTimeoutClock_; }
+  Kel::Ptr<Kel::Clock const> backoffClock() const { return backoffClock_; }
+  Kel::Ptr<Kel::ChildSiginfo const> replicationCmd() const { return replicationCmd_; }
+  bool initialized() const { return initialized_; }
+
+  // Derived on every use, never cached.
+  Kel::String8 path() const;
+  Kel::String8 dstPath() const;
+  Kel::String8 rsyncOptions() const;
+  Kel::String8 remoteHostsString() const;
+  bool enabled() const;
+  double replicationTimeout() const;
+  double retryInterval() const;
+
+  // The pending times of the two timers (+infinity when disarmed).
+  double replicationTimeoutTime() const;
+  double backoffTime() const;
+
+  virtual void stateIs(State s);
+  virtual void replicationTimeoutClockIs(Kel::Ptr<Kel::Clock const> const& clock);
+  virtual void backoffClockIs(Kel::Ptr<Kel::Clock const> const& clock);
+  virtual void replicationCmdIs(Kel::Ptr<Kel::ChildSiginfo const> const& cmd);
+  virtual void initializedIs(bool v);
+
+  void replicate();
+  void deleteFile();
+  void enableReplication();
+  void disableReplication();
+
+  void startReplication();
+  void stopReplication();
+  void startReplicationTimeoutClock();
+  void startBackoffClock();
+  void updateFileStatus(FileStatus::Status status);
+
+  void handleInitialized();
+  void handleEnabled();
+  void handleReplicationTimeout();
+  void handleBackoffTimeout();
+  void handleReplicationCmdSignalCode();
+
+  // replicate, deleteFile, enableReplication and disableReplication.
+  static Kel::NamedOperations<ReplicationSm> const& operations();
+
+ protected:
+  ReplicationSm(Kel::String8 name, Kel::Ptr<RequesterConfig const> requesterConfig,
+                Kel::Ptr<FileConfig const> fileConfig, Kel::Ptr<FileStatus> fileStatus);
+  ~ReplicationSm() override;
+
+ private:
+  class KelRequesterConfig;
+  class KelReplicationTimeoutClock;
+  class KelBackoffClock;
+  class KelReplicationCmd;
+
+  // Points a reactor at a new notifier, creating it on first use; null
+  // unhooks it.
+  template <class R, class N>
+  void repoint(Kel::Ptr<R>& reactor, Kel::Ptr<N const> const& notifier);
+  template <class R>
+  void release(Kel::Ptr<R>& reactor);
+
+  Kel::String8 name_;
+  Kel::Ptr<RequesterConfig const> requesterConfig_;
+  Kel::Ptr<FileConfig const> fileConfig_;
+  Kel::Ptr<FileStatus> fileStatus_;
+  State state_ = disabled;
+  Kel::Ptr<Kel::Clock const> replicationTimeoutClock_;
+  Kel::Ptr<Kel::Clock const> backoffClock_;
+  Kel::Ptr<Kel::ChildSiginfo const> replicationCmd_;
+  bool initialized_ = false;
+
+  Kel::Ptr<KelRequesterConfig> kelRequesterConfig_;
+  Kel::Ptr<KelReplicationTimeoutClock> kelReplicationTimeoutClock_;
+  Kel::Ptr<KelBackoffClock> kelBackoffClock_;
+  Kel::Ptr<KelReplicationCmd> kelReplicationCmd_;
+};
+
+std::ostream& operator<<(std::ostream& o, ReplicationSm::State state);
+
+}  // namespace FileReplication

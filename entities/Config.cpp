@@ -1,0 +1,42 @@
+#include "entities/Config.h"
+
+#include "runtime/Exception.h"
+
+namespace FileReplication {
+
+using Notifiee = Config::NotifieeConst;
+
+Kel::Ptr<RequesterConfig> Config::requester(Kel::Name name) const {
+  auto const* r = requester_.find(name);
+  return r ? *r : nullptr;
+}
+
+Kel::Ptr<RequesterConfig> Config::newRequester(Kel::Name name, RequesterConfig::Mode mode) {
+  if (auto present = requester(name)) {
+    if (present->mode() != mode) throw Kel::NameInUseException("requester " + name.str() + " exists with another mode");
+    return present;
+  }
+  auto r = RequesterConfig::RequesterConfigIs(name, mode);
+  requesterIs(r);
+  return r;
+}
+
+void Config::requesterIs(Kel::Ptr<RequesterConfig> const& r) {
+  auto const* present = requester_.find(r->name());
+  if (present && *present == r) return;
+  requester_.insert(r->name(), r);
+  notify<Notifiee>(&Notifiee::onRequester, r->name());
+}
+
+void Config::requesterDel(Kel::Name name) {
+  if (auto removed = requester_.erase(name)) notify<Notifiee>(&Notifiee::onRequester, name);
+}
+
+void Config::requesterDelAll() {
+  if (requester_.empty()) return;
+  RequesterCollection removed;
+  std::swap(removed, requester_);
+  notify<Notifiee>(&Notifiee::onRequester);
+}
+
+}  // namespace FileReplication

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+
+#include "runtime/Entity.h"
+#include "runtime/Name.h"
+
+namespace FileReplication {
+
+// The replication status of one file, written by its replication machine.
+class FileStatus : public Kel::Entity {
+ public:
+  // unknown until the first attempt starts.
+  enum Status : std::uint32_t { inProgress = 0, synchronized = 1, failed = 2, unknown = 3 };
+
+  class NotifieeConst : public Kel::NotifieeBase<FileStatus> {
+   public:
+    virtual void onStatus() {}
+    virtual void onLastSynchronized() {}
+  };
+  using Notifiee = NotifieeConst;
+
+  static Kel::Ptr<FileStatus> FileStatusIs(Kel::Name path) { return new FileStatus(path); }
+
+  Kel::Name path() const { return path_; }
+  Status status() const { return status_; }
+  void statusIs(Status v) {
+    if (Kel::changed(status_, v)) notify(&NotifieeConst::onStatus);
+  }
+  // Seconds since the epoch; 0 until the file was first synchronised.
+  double lastSynchronized() const { return lastSynchronized_; }
+  void lastSynchronizedIs(double v) {
+    if (Kel::changed(lastSynchronized_, v)) notify(&NotifieeConst::onLastSynchronized);
+  }
+
+ protected:
+  explicit FileStatus(Kel::Name path) : path_(path) {}
+
+ private:
+  Kel::Name path_;
+  Status status_ = unknown;
+  double lastSynchronized_ = 0;
+};
+
+std::ostream& operator<<(std::ostream& o, FileStatus::Status status);
+
+}  // namespace FileReplication

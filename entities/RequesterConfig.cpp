@@ -1,0 +1,92 @@
+#include "entities/RequesterConfig.h"
+
+namespace FileReplication {
+
+using Notifiee = RequesterConfig::NotifieeConst;
+
+void RequesterConfig::enabledIs(bool v) {
+  if (Kel::changed(enabled_, v)) notify(&Notifiee::onEnabled);
+}
+
+Kel::Ptr<FileConfig> RequesterConfig::file(Kel::Name path) const {
+  auto const* f = file_.find(path);
+  return f ? *f : nullptr;
+}
+
+Kel::Ptr<FileConfig> RequesterConfig::newFile(Kel::Name path, Kel::String dstPath, Kel::String rsyncOptions) {
+  auto f = FileConfig::FileConfigIs(path, std::move(dstPath), std::move(rsyncOptions));
+  fileIs(f);
+  return f;
+}
+
+void RequesterConfig::fileIs(Kel::Ptr<FileConfig> const& f) {
+  auto const* present = file_.find(f->path());
+  if (present && *present == f) return;
+  file_.insert(f->path(), f);
+  notify<Notifiee>(&Notifiee::onFile, f->path());
+}
+
+void RequesterConfig::fileDel(Kel::Name path) {
+  // Keep the entity alive until the reactors have seen it go.
+  if (auto removed = file_.erase(path)) notify<Notifiee>(&Notifiee::onFile, path);
+}
+
+void RequesterConfig::fileDelAll() {
+  if (file_.empty()) return;
+  FileCollection removed;
+  std::swap(removed, file_);
+  notify<Notifiee>(&Notifiee::onFile);
+}
+
+void RequesterConfig::remoteHostIs(Kel::String const& hostOrIp) {
+  if (remoteHost_.insert(hostOrIp, RemoteHost(hostOrIp))) notify<Notifiee>(&Notifiee::onRemoteHost, hostOrIp);
+}
+
+void RequesterConfig::remoteHostDel(Kel::String const& hostOrIp) {
+  if (remoteHost_.erase(hostOrIp)) notify<Notifiee>(&Notifiee::onRemoteHost, hostOrIp);
+}
+
+void RequesterConfig::remoteHostDelAll() {
+  if (remoteHost_.empty()) return;
+  remoteHost_ = RemoteHostCollection();
+  notify<Notifiee>(&Notifiee::onRemoteHost);
+}
+
+Kel::String RequesterConfig::remoteHostsString() const {
+  std::string joined;
+  for (auto const& [key, host] : remoteHost_) {
+    if (!joined.empty()) joined += ',';
+    joined += host.hostOrIp().str();
+  }
+  return joined;
+}
+
+void RequesterConfig::replicationTimeoutIs(double v) {
+  if (Kel::changed(replicationTimeout_, v)) notify(&Notifiee::onReplicationTimeout);
+}
+
+void RequesterConfig::periodIs(double v) {
+  if (Kel::changed(period_, v)) notify(&Notifiee::onPeriod);
+}
+
+void RequesterConfig::retryIntervalIs(double v) {
+  if (Kel::changed(retryInterval_, v)) notify(&Notifiee::onRetryInterval);
+}
+
+void RequesterConfig::syncErrorThresholdIs(int v) {
+  if (Kel::changed(syncErrorThreshold_, v)) notify(&Notifiee::onSyncErrorThreshold);
+}
+
+void RequesterConfig::remoteHostReplicationDelayIs(double v) {
+  if (Kel::changed(remoteHostReplicationDelay_, v)) notify<Notifiee>(&Notifiee::onRemoteHostReplicationDelay);
+}
+
+std::ostream& operator<<(std::ostream& o, RequesterConfig::Mode mode) {
+  switch (mode) {
+    case RequesterConfig::periodic: return o << "periodic";
+    case RequesterConfig::inotify: return o << "inotify";
+  }
+  return o << "RequesterConfig::Mode(" << static_cast<std::uint32_t>(mode) << ")";
+}
+
+}  // namespace FileReplication

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+
+#include "entities/FileConfig.h"
+#include "entities/RemoteHost.h"
+#include "runtime/Collection.h"
+#include "runtime/Entity.h"
+#include "runtime/Name.h"
+#include "runtime/String.h"
+
+namespace FileReplication {
+
+// One requester: a named client with its own files, remote hosts and timings.
+class RequesterConfig : public Kel::Entity {
+ public:
+  enum Mode : std::uint32_t { periodic = 0, inotify = 1 };
+
+  class NotifieeConst : public Kel::NotifieeBase<RequesterConfig> {
+   public:
+    virtual void onFile(Kel::Name) {}
+    virtual void onFile() {}
+    virtual void onEnabled() {}
+    virtual void onRemoteHost(Kel::String) {}
+    virtual void onRemoteHost() {}
+    virtual void onReplicationTimeout() {}
+    virtual void onPeriod() {}
+    virtual void onRetryInterval() {}
+    virtual void onSyncErrorThreshold() {}
+    virtual void onRemoteHostReplicationDelay() {}
+  };
+  using Notifiee = NotifieeConst;
+
+  using FileCollection = Kel::Collection<Kel::Name, Kel::Ptr<FileConfig>>;
+  using RemoteHostCollection = Kel::Collection<Kel::String, RemoteHost>;
+
+  static Kel::Ptr<RequesterConfig> RequesterConfigIs(Kel::Name name, Mode mode) {
+    return new RequesterConfig(name, mode);
+  }
+
+  Kel::Name name() const { return name_; }
+  // Fixed for the life of the entry: a requester changes mode by being
+  // removed and added again.
+  Mode mode() const { return mode_; }
+
+  bool enabled() const { return enabled_; }
+  void enabledIs(bool v);
+
+  Kel::Ptr<FileConfig> file(Kel::Name path) const;
+  FileCollection const& file() const { return file_; }
+  std::size_t files() const { return file_.size(); }
+  Kel::Ptr<FileConfig> newFile(Kel::Name path, Kel::String dstPath, Kel::String rsyncOptions);
+  // Adds the file, or replaces the entity under its path.
+  void fileIs(Kel::Ptr<FileConfig> const& f);
+  void fileDel(Kel::Name path);
+  void fileDelAll();
+
+  RemoteHost const* remoteHost(Kel::String const& hostOrIp) const { return remoteHost_.find(hostOrIp); }
+  RemoteHostCollection const& remoteHost() const { return remoteHost_; }
+  std::size_t remoteHosts() const { return remoteHost_.size(); }
+  void remoteHostIs(Kel::String const& hostOrIp);
+  void remoteHostDel(Kel::String const& hostOrIp);
+  void remoteHostDelAll();
+  // The hosts joined with "," in the collection's order; empty without hosts.
+  Kel::String remoteHostsString() const;
+
+  double replicationTimeout() const { return replicationTimeout_; }
+  void replicationTimeoutIs(double v);
+  double period() const { return period_; }
+  void periodIs(double v);
+  double retryInterval() const { return retryInterval_; }
+  void retryIntervalIs(double v);
+  int syncErrorThreshold() const { return syncErrorThreshold_; }
+  void syncErrorThresholdIs(int v);
+  double remoteHostReplicationDelay() const { return remoteHostReplicationDelay_; }
+  void remoteHostReplicationDelayIs(double v);
+
+ protected:
+  RequesterConfig(Kel::Name name, Mode mode) : name_(name), mode_(mode) {}
+
+ private:
+  Kel::Name name_;
+  Mode mode_;
+  bool enabled_ = false;
+  FileCollection file_;
+  RemoteHostCollection remoteHost_;
+  double replicationTimeout_ = 60;
+  double period_ = 60;
+  double retryInterval_ = 10;
+  int syncErrorThreshold_ = 3;
+  double remoteHostReplicationDelay_ = 5;
+};
+
+std::ostream& operator<<(std::ostream& o, RequesterConfig::Mode mode);
+
+}  // namespace FileReplication

@@ -1,0 +1,48 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "FileReplication/FileReplicationUtils.h"
+
+namespace FileReplication {
+namespace {
+
+TEST(UtilsTest, DirnameAndFilenameFollowPosix) {
+  struct Case {
+    char const* path;
+    char const* dir;
+    char const* file;
+  };
+  for (Case c : {Case{"a/b", "a", "b"}, Case{"/etc/x/y", "/etc/x", "y"}, Case{"a/b/", "a", "b"},
+                 Case{"file", ".", "file"}, Case{"/", "/", "/"}, Case{"", ".", "."}, Case{"//a//b//", "//a", "b"},
+                 Case{"/a", "/", "a"}, Case{"dir with blank/it's $(x);\n", "dir with blank", "it's $(x);\n"}}) {
+    Kel::String8 path(c.path);
+    EXPECT_EQ(Kel::String8(c.dir), Utils::dirname(path)) << '"' << c.path << '"';
+    EXPECT_EQ(Kel::String8(c.file), Utils::filename(path)) << '"' << c.path << '"';
+    EXPECT_EQ(Kel::String8(c.path), path) << "the argument is never modified";
+  }
+}
+
+TEST(UtilsIntegration, ExistsFollowsLinksAndTreatsEveryFailureAsMissing) {
+  char dir[] = "/tmp/utils-XXXXXX";
+  ASSERT_NE(nullptr, mkdtemp(dir));
+  std::string const d = dir;
+  std::ofstream(d + "/file") << "x";
+  ASSERT_EQ(0, symlink((d + "/file").c_str(), (d + "/link").c_str()));
+  ASSERT_EQ(0, symlink((d + "/gone").c_str(), (d + "/dangling").c_str()));
+  EXPECT_TRUE(Utils::exists(d));
+  EXPECT_TRUE(Utils::exists(d + "/file"));
+  EXPECT_TRUE(Utils::exists(d + "/link"));
+  EXPECT_FALSE(Utils::exists(d + "/dangling"));
+  EXPECT_FALSE(Utils::exists(d + "/gone"));
+  EXPECT_FALSE(Utils::exists(d + "/file/below-a-file"));
+  EXPECT_FALSE(Utils::exists(""));
+  for (char const* name : {"/file", "/link", "/dangling"}) unlink((d + name).c_str());
+  rmdir(dir);
+}
+
+}  // namespace
+}  // namespace FileReplication
