@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tests/tools/TestFiles.h"
+
+// A stand-in for ssh, for $RSYNC_RSH: it runs the remote command on this
+// machine through sh -c as sshd would, in hosts/<host>/ as the "home
+// directory" of each host, and logs every [user@]host it is asked for. A
+// host ending in ".invalid" fails the way ssh does for an unknown name.
+class FakeSsh {
+ public:
+  explicit FakeSsh(const TemporaryDirectory& directory);
+
+  // The environment entry that makes Replicate use it.
+  std::string environment() const { return "RSYNC_RSH=" + script_; }
+  // Where host's files land.
+  std::string home(const std::string& host) const { return root_ + "/" + host; }
+  // The hosts asked for so far, in order.
+  std::vector<std::string> hostsContacted() const;
+
+ private:
+  std::string script_;
+  std::string root_;
+  std::string log_;
+};

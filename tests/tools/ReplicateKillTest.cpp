@@ -1,0 +1,33 @@
+#include <sys/wait.h>
+
+#include <csignal>
+
+#include <gtest/gtest.h>
+
+#include "tests/tools/FakeSsh.h"
+#include "tests/tools/ReplicateProcess.h"
+#include "tests/tools/TestFiles.h"
+
+// The library's time-out kills only Replicate itself; rsync and the remote
+// shell it started must not outlive it.
+TEST(ReplicateKillIntegration, KilledMidCopyLeavesNoProcessBehind) {
+  TemporaryDirectory directory;
+  const FakeSsh ssh(directory);
+  // At 10 kB/s this takes 100 s, far longer than drain() waits.
+  writeFile(directory / "large", std::string(1'000'000, 'x'));
+  const std::vector<std::string> copy = {"--cmd",    "rsyncFile", "--source",       "large",
+                                         "--target", "copy",      "--rsyncOptions", "--bwlimit=10 --progress"};
+
+  for (const bool remote : {false, true}) {
+    std::vector<std::string> arguments = copy;
+    if (remote) arguments.insert(arguments.end(), {"--remoteHosts", "alpha"});
+    ReplicateProcess replicate(arguments, directory.path(), {ssh.environment()});
+    ASSERT_TRUE(replicate.awaitOutput()) << replicate.err();
+    ASSERT_EQ(kill(replicate.pid(), SIGKILL), 0);
+    const int status = replicate.wait();
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    // Every process started below Replicate holds its stdout or stderr;
+    // both end only when all of them are gone.
+    EXPECT_TRUE(replicate.drain()) << (remote ? "remote" : "local") << " copy left a process behind";
+  }
+}

@@ -1,0 +1,63 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/tools/FakeSsh.h"
+#include "tests/tools/ReplicateProcess.h"
+#include "tests/tools/TestFiles.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::Not;
+
+namespace {
+
+const std::string hosts = "alpha, nonexistent.invalid,,user@beta,[::1]";
+
+}  // namespace
+
+TEST(ReplicateRemoteIntegration, CopiesAndDeletesOnEveryHostAndNamesTheOnesThatFail) {
+  TemporaryDirectory directory;
+  const FakeSsh ssh(directory);
+  const std::string pwned = directory / "pwned";
+  // Reaches the remote side through rsync's protocol for the copy, and
+  // through a remote shell for the delete.
+  const std::string target = "new dir/it's \"$(touch " + pwned + ")\";touch " + pwned + "\n`touch " + pwned + "`";
+  writeFile(directory / "source", "content");
+
+  ReplicateResult result =
+      runReplicate({"--cmd", "rsyncFile", "--remoteHosts", hosts, "--source", "source", "--target", target,
+                    "--rsyncOptions", "-a '--exclude=$(touch " + pwned + ")'"},
+                   directory.path(), {ssh.environment()});
+  EXPECT_EQ(result.exitCode, 1);
+  // rsync says 255 or 12 depending on whether it sees the remote shell end
+  // or the stream break first.
+  EXPECT_THAT(result.err, MatchesRegex(".*\nReplicate: host nonexistent\\.invalid: rsync failed with exit code "
+                                       "[0-9]+ \\([^\n]+\\)\n"));
+  EXPECT_THAT(result.err, Not(HasSubstr("host alpha")));
+  EXPECT_THAT(ssh.hostsContacted(), ElementsAre("alpha", "nonexistent.invalid", "user@beta", "::1"));
+  for (const char* host : {"alpha", "beta", "::1"}) {
+    EXPECT_EQ(readFile(ssh.home(host) + "/" + target), "content") << host;
+  }
+
+  result = runReplicate({"--cmd", "deleteFile", "--remoteHosts", hosts, "--target", target}, directory.path(),
+                        {ssh.environment()});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.err, HasSubstr("Replicate: host nonexistent.invalid: the remote shell failed with exit code 255"));
+  for (const char* host : {"alpha", "beta", "::1"}) {
+    EXPECT_FALSE(exists(ssh.home(host) + "/" + target)) << host;
+    EXPECT_TRUE(exists(ssh.home(host) + "/new dir")) << host;
+  }
+
+  // Already gone counts as deleted; a directory does not.
+  result = runReplicate({"--cmd", "deleteFile", "--remoteHosts", "alpha,beta", "--target", target},
+                        directory.path(), {ssh.environment()});
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  result = runReplicate({"--cmd", "deleteFile", "--remoteHosts", "alpha", "--target", "new dir"}, directory.path(),
+                        {ssh.environment()});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.err, HasSubstr("Replicate: host alpha: rm failed on the remote host with exit code 1"));
+  EXPECT_TRUE(exists(ssh.home("alpha") + "/new dir"));
+
+  EXPECT_FALSE(exists(pwned));
+}

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include "tools/Replicate/HostAddress.h"
+
+namespace Replicate {
+
+enum class Command { rsyncFile, deleteFile };
+
+// What one run is asked to do. No hosts means the local file system.
+struct CommandLine {
+  bool help = false;
+  Command command = Command::rsyncFile;
+  std::vector<HostAddress> remoteHosts;
+  std::string source;
+  std::string target;
+  std::vector<std::string> rsyncOptions;
+};
+
+// Reads the arguments after the program name. Throws UsageError naming what
+// is wrong.
+CommandLine parseCommandLine(std::span<const char* const> arguments);
+
+}  // namespace Replicate

@@ -1,0 +1,80 @@
+#include "tools/Replicate/HelpText.h"
+
+namespace Replicate {
+
+const char* helpText() {
+  return R"(NAME
+    Replicate - copy one file to remote hosts with rsync, or delete it there
+
+SYNOPSIS
+    Replicate --cmd rsyncFile [--remoteHosts HOSTS] --source SOURCE --target TARGET
+              --rsyncOptions OPTIONS
+    Replicate --cmd deleteFile [--remoteHosts HOSTS] --target TARGET
+    Replicate --help
+
+DESCRIPTION
+    rsyncFile copies the local file SOURCE to TARGET on each of HOSTS, one
+    host after the other, with rsync over ssh. Without --remoteHosts it copies
+    to TARGET on this machine. Missing parent directories of TARGET are
+    created. rsync compares the files by content, not by size and time, and
+    sends only the differences.
+
+    deleteFile removes TARGET on each of HOSTS, or on this machine without
+    --remoteHosts. A TARGET that does not exist counts as removed; a directory
+    is refused.
+
+    Every host is tried even when an earlier one fails. No name, option or
+    host is ever run as shell code, here or on a remote host: programs are
+    started with argument vectors, rsync passes names through its protocol,
+    and the remote rm gets its name quoted for the remote shell.
+
+    Children are killed when Replicate dies, however it dies. Connections to
+    a host are shared between runs: the first one stays open in the
+    background for 60 seconds after its last use.
+
+OPTIONS
+    --cmd rsyncFile|deleteFile
+        What to do.
+
+    --remoteHosts HOSTS
+        Comma-separated hosts; empty items are ignored, but at least one host
+        is required. A host is NAME, USER@NAME, or an IPv6 address with or
+        without brackets: ::1, [::1], USER@[::1]. Without this option the
+        local file system is used.
+
+    --source SOURCE
+        The local file to copy (rsyncFile only).
+
+    --target TARGET
+        The file to write or remove. A relative TARGET on a remote host is
+        relative to the home directory there.
+
+    --rsyncOptions OPTIONS
+        Options for rsync (rsyncFile only), split into words like a shell
+        does: single quotes, double quotes and backslashes are honoured, but
+        nothing is expanded. May be empty.
+
+    --help
+        Print this page.
+
+ENVIRONMENT
+    RSYNC_RSH
+        When set, the command that reaches remote hosts, in place of ssh; it
+        is split into words. It receives [-l USER] HOST COMMAND... like ssh.
+
+    XDG_RUNTIME_DIR
+        Where the private directory for shared ssh connections is made;
+        /tmp when unset or unsuitable.
+
+    PATH
+        Where rsync and ssh are found.
+
+EXIT STATUS
+    0   Every host (or the local copy or removal) succeeded.
+    1   Something failed; stderr has one line per failed host with the host
+        and the reason.
+    2   The command line is malformed.
+)";
+}
+
+}  // namespace Replicate

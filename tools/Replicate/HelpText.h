@@ -1,0 +1,8 @@
+#pragma once
+
+namespace Replicate {
+
+// The manual page that --help prints.
+const char* helpText();
+
+}  // namespace Replicate
