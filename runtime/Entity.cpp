@@ -1,31 +1,36 @@
 #include "runtime/Entity.h"
 
-#include <algorithm>
-
 namespace Kel {
 
 Entity::~Entity() {
   for (Delivery* d = deliveries_; d; d = d->outer) d->notifierGone = true;
 }
 
+// A removed reactor leaves a hole, so positions stay put under a delivery in
+// progress and order is kept; holes are squeezed out once they are the
+// majority and no delivery is running, which keeps removal O(1) amortised.
 void Entity::reactorDel(Reactor* r) const {
-  auto it = std::find(reactors_.begin(), reactors_.end(), r);
-  if (it == reactors_.end()) return;
-  if (deliveries_) {
-    // Compacting now would shift the slots under a delivery in progress.
-    *it = nullptr;
-    ++vacancies_;
-  } else {
-    reactors_.erase(it);
+  std::size_t const slot = r->slot_;
+  if (slot >= reactors_.size() || reactors_[slot] != r) return;
+  reactors_[slot] = nullptr;
+  ++vacancies_;
+  if (!deliveries_ && vacancies_ * 2 > reactors_.size()) compact();
+}
+
+void Entity::compact() const {
+  std::size_t kept = 0;
+  for (Reactor* r : reactors_) {
+    if (!r) continue;
+    r->slot_ = kept;
+    reactors_[kept++] = r;
   }
+  reactors_.resize(kept);
+  vacancies_ = 0;
 }
 
 void Entity::endDelivery(Delivery& d) const {
   deliveries_ = d.outer;
-  if (!deliveries_ && vacancies_) {
-    std::erase(reactors_, nullptr);
-    vacancies_ = 0;
-  }
+  if (!deliveries_ && vacancies_ * 2 > reactors_.size()) compact();
 }
 
 void Entity::zeroReferencesIs() { notify(&Reactor::onZeroReferences); }

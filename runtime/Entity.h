@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -16,19 +17,29 @@ namespace Kel {
 // more, and the notifier itself may go away during delivery.
 class Entity : public PtrInterface {
  public:
+  // While off, the entity notifies nobody. On from construction; an owner
+  // turns a machine's notifications off when it lets go of it.
+  bool hasNotificationActive() const { return hasNotificationActive_; }
+  virtual void hasNotificationActiveIs(bool v) { hasNotificationActive_ = v; }
+
   std::size_t reactors() const { return reactors_.size() - vacancies_; }
 
   // Registration, called by NotifieeBase::notifierIs. A notifier that keeps
   // per-reactor state (the clock's timers) extends reactorDel.
-  void reactorIs(Reactor* r) const { reactors_.push_back(r); }
+  void reactorIs(Reactor* r) const {
+    r->slot_ = reactors_.size();
+    reactors_.push_back(r);
+  }
   virtual void reactorDel(Reactor* r) const;
 
  protected:
   ~Entity() override;
 
-  template <class N, class... Params, class... Args>
-  void notify(void (N::*callback)(Params...), Args const&... args) const {
-    if (reactors_.empty()) return;
+  // The callback's parameters are taken from the arguments, so that an
+  // overloaded callback (onX(key) beside onX()) resolves by them.
+  template <class N, class... Args>
+  void notify(void (N::*callback)(std::type_identity_t<Args>...), Args const&... args) const {
+    if (reactors_.empty() || !hasNotificationActive_) return;
     Delivery d{deliveries_};
     deliveries_ = &d;
     std::exception_ptr failure;
@@ -58,7 +69,9 @@ class Entity : public PtrInterface {
     bool notifierGone = false;
   };
   void endDelivery(Delivery& d) const;
+  void compact() const;
 
+  bool hasNotificationActive_ = true;
   mutable std::vector<Reactor*> reactors_;
   mutable std::uint32_t vacancies_ = 0;
   mutable Delivery* deliveries_ = nullptr;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+
 #include "runtime/Ptr.h"
 
 namespace Kel {
@@ -28,6 +30,8 @@ class Reactor : public PtrInterface {
 
  private:
   bool markedForDeletion_ = false;
+  // Position in the bound notifier's list, so unbinding costs O(1).
+  std::size_t slot_ = 0;
 };
 
 // Reactor bound to notifiers of type T; T::NotifieeConst derives from it and
@@ -48,11 +52,17 @@ class NotifieeBase : public Reactor {
     notifier_ = n;
     if (n) {
       n->reactorIs(this);
+      notifierBound();
       if (!markedForDeletion()) onNotifier();
     }
   }
 
   virtual void onNotifier() {}
+
+ protected:
+  // For reactor kinds that keep state with their notifier (a clock reactor's
+  // pending time); runs before onNotifier, which is the owner's to override.
+  virtual void notifierBound() {}
 
  protected:
   ~NotifieeBase() override {

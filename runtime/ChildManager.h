@@ -1,0 +1,91 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "runtime/ChildLauncher.h"
+#include "runtime/ChildSiginfo.h"
+#include "runtime/EventLoop.h"
+#include "runtime/LinkQueue.h"
+
+namespace Kel {
+
+class SpawnLauncher;
+
+// The table of child processes started by Kel::run. It holds every child
+// until its end has been delivered, so a caller may drop its handle at any
+// time and the child is still reaped. Starting and signalling go through a
+// replaceable launcher; the manager alone enforces the limit on running
+// children.
+//
+// Ends are delivered on a turn of the loop after the launcher learnt of
+// them. When a running child ends, the next waiting one is started before
+// the ended one's reactors are notified, so that a run started from that
+// notification queues behind the children already waiting.
+class ChildManager {
+ public:
+  explicit ChildManager(EventLoop& loop);
+  // Kills the running children with SIGKILL and reaps them; none is reported.
+  ~ChildManager();
+  ChildManager(ChildManager const&) = delete;
+  ChildManager& operator=(ChildManager const&) = delete;
+
+  // Kel::run after its checks. A child past the limit waits with pid() 0.
+  Ptr<ChildSiginfo> run(std::vector<std::string> argv, ChildSetup const& setup);
+
+  // At most this many children run at once; 0, the default, means no limit.
+  // Children past it wait and start first come first served.
+  std::size_t maxRunning() const { return maxRunning_; }
+  void maxRunningIs(std::size_t n);
+  // Started children whose end has not been delivered yet.
+  std::size_t running() const { return running_.size(); }
+  std::size_t waiting() const { return waiting_.members(); }
+
+  ChildLauncher& launcher() const { return *launcher_; }
+  // Null restores the spawning launcher. Switching first drops every child
+  // the manager holds, without reporting it: a test's children must not
+  // outlive the test.
+  void launcherIs(ChildLauncher* launcher);
+
+  // Kills and reaps every running child and forgets the waiting ones; none
+  // of them is reported. For shutdown, and for tests.
+  void childDelAll();
+
+  // For launchers: child ended. Delivered on a later turn; a report for a
+  // child already delivered or dropped is ignored.
+  void reportEnd(Ptr<ChildSiginfo> const& child, ChildSiginfo::SignalCode code, int exitStatus);
+
+  EventLoop& loop() const { return loop_; }
+
+ private:
+  friend class ChildSiginfo;
+
+  // A child waiting for a slot. Descriptors given for its stdio are
+  // duplicates owned here, so the caller may close its own at once.
+  struct Waiting {
+    Ptr<ChildSiginfo> child;
+    ChildSetup setup;
+  };
+
+  bool slotFree() const { return maxRunning_ == 0 || running_.size() < maxRunning_; }
+  void start(Ptr<ChildSiginfo> const& child, ChildSetup const& setup);
+  void startWaiting();
+  void kill(ChildSiginfo& child, int signal);
+  void deliverEnd(Ptr<ChildSiginfo> const& child, ChildSiginfo::SignalCode code, int exitStatus);
+  // Decides the end of a child that never ran and reports it.
+  void endUnstarted(Ptr<ChildSiginfo> const& child, ChildSiginfo::SignalCode code, int exitStatus);
+
+  EventLoop& loop_;
+  std::unique_ptr<SpawnLauncher> spawnLauncher_;
+  ChildLauncher* launcher_;
+  std::size_t maxRunning_ = 0;
+  std::unordered_set<Ptr<ChildSiginfo>> running_;
+  // Children that never ran, whose end is reported on a later turn.
+  std::unordered_set<Ptr<ChildSiginfo>> ending_;
+  LinkQueue<Waiting> waiting_;
+};
+
+}  // namespace Kel

@@ -1,0 +1,51 @@
+#include "runtime/ChildSiginfo.h"
+
+#include <csignal>
+
+#include "runtime/ActivityManager.h"
+#include "runtime/ChildLauncher.h"
+#include "runtime/ChildManager.h"
+#include "runtime/Exception.h"
+
+namespace Kel {
+
+ChildSiginfo::~ChildSiginfo() = default;
+
+void ChildSiginfo::kill(int signal) const {
+  if (signal <= 0 || signal >= NSIG) throwRangeException("signal " + std::to_string(signal) + " out of range");
+  // The manager created every child non-const; only callers see it const.
+  if (manager_) manager_->kill(const_cast<ChildSiginfo&>(*this), signal);
+}
+
+void ChildSiginfo::endedIs(SignalCode code, int exitStatus) {
+  signalCode_ = code;
+  exitStatus_ = exitStatus;
+  notify(&NotifieeConst::onSignalCode);
+}
+
+std::ostream& operator<<(std::ostream& o, ChildSiginfo::SignalCode code) {
+  switch (code) {
+    case ChildSiginfo::notEnded:
+      return o << "notEnded";
+    case ChildSiginfo::killed:
+      return o << "killed";
+    case ChildSiginfo::dumped:
+      return o << "dumped";
+    case ChildSiginfo::exited:
+      return o << "exited";
+  }
+  return o << static_cast<int>(code);
+}
+
+Ptr<ChildSiginfo> run(char const* const* argv, int stdinFd, int stdoutFd, int stderrFd, int processGroup) {
+  if (!argv || !argv[0]) throwRangeException("run: empty argument vector");
+  if (stdinFd < -1 || stdoutFd < -1 || stderrFd < -1) throwRangeException("run: descriptor out of range");
+  if (processGroup < -1) throwRangeException("run: process group out of range");
+  // Copied now: callers pass pointers into temporaries, and a child waiting
+  // for a slot starts long after this returns.
+  std::vector<std::string> copy;
+  for (char const* const* arg = argv; *arg; ++arg) copy.emplace_back(*arg);
+  return activityManager()->children().run(std::move(copy), ChildSetup{stdinFd, stdoutFd, stderrFd, processGroup});
+}
+
+}  // namespace Kel

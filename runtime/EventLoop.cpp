@@ -1,0 +1,153 @@
+#include "runtime/EventLoop.h"
+
+#include <errno.h>
+#include <sys/epoll.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+
+#include "runtime/ActivityManager.h"
+#include "runtime/Assert.h"
+#include "runtime/Exception.h"
+#include "runtime/String.h"
+
+namespace Kel {
+
+namespace {
+
+// Readiness served per turn. Descriptors beyond it stay ready and are served
+// by the next turn, which then does not block.
+constexpr int maxEvents = 64;
+
+// Longer waits are forever; the bound also keeps the timespec in range.
+constexpr double longestWait = 1e9;
+
+double monotonicSeconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// Null for forever. Rounds up to the microsecond, so the loop wakes at or
+// just after a deadline rather than spinning once more just before it.
+timespec* timeoutOf(double seconds, timespec& ts) {
+  if (!(seconds > 0)) seconds = 0;
+  if (seconds >= longestWait) return nullptr;
+  auto const micros = static_cast<std::int64_t>(std::ceil(seconds * 1e6));
+  ts.tv_sec = static_cast<time_t>(micros / 1000000);
+  ts.tv_nsec = static_cast<long>(micros % 1000000) * 1000;
+  return &ts;
+}
+
+}  // namespace
+
+EventLoop::EventLoop() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {
+  if (epoll_ < 0) throw ErrnoException(errno, "epoll_create1");
+}
+
+EventLoop::~EventLoop() { close(epoll_); }
+
+void EventLoop::sourceIs(int fd, Source* source) {
+  if (fd < 0 || !source) throwRangeException("sourceIs needs a descriptor and a source");
+  auto const slot = static_cast<std::size_t>(fd);
+  Source* const old = slot < registered_.size() ? registered_[slot] : nullptr;
+  if (old == source) return;
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.fd = fd;
+  int rc = epoll_ctl(epoll_, old ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &event);
+  // A closed descriptor leaves the epoll set and its number may come back
+  // for another file, so the set can disagree with the table either way.
+  if (rc < 0 && errno == ENOENT) rc = epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event);
+  if (rc < 0 && errno == EEXIST) rc = epoll_ctl(epoll_, EPOLL_CTL_MOD, fd, &event);
+  if (rc < 0) throw ErrnoException(errno, "epoll_ctl");
+  if (slot >= registered_.size()) registered_.resize(slot + 1, nullptr);
+  if (old) {
+    readyDel(fd);
+  } else {
+    ++sources_;
+  }
+  registered_[slot] = source;
+}
+
+void EventLoop::sourceDel(int fd, Source* source) {
+  auto const slot = static_cast<std::size_t>(fd);
+  if (fd < 0 || slot >= registered_.size() || !source || registered_[slot] != source) return;
+  registered_[slot] = nullptr;
+  --sources_;
+  readyDel(fd);
+  // Fails only for a descriptor closed already, which left the set then.
+  epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
+}
+
+void EventLoop::readyDel(int fd) {
+  for (int i = 0; i < readyCount_; ++i) {
+    if (ready_[i].fd == fd) ready_[i].source = nullptr;
+  }
+}
+
+void EventLoop::deferredIs(std::function<void()> work) { deferred_.push_back(std::move(work)); }
+
+void EventLoop::turn(double maxWait) {
+  bool const insideTurn = ready_ != nullptr;
+  KEL_ASSERT(!insideTurn);
+  std::size_t const queued = deferred_.size();
+  Ptr<Clock> const clock = activityManager()->clock();
+
+  timespec ts;
+  double const wait = queued ? 0 : std::fmin(maxWait, clock->waitTime());
+  epoll_event events[maxEvents];
+  int n = epoll_pwait2(epoll_, events, maxEvents, timeoutOf(wait, ts), nullptr);
+  if (n < 0) {
+    if (errno != EINTR) throw ErrnoException(errno, "epoll_pwait2");
+    n = 0;
+  }
+
+  // Collected before the timers fire, so that a timer callback deleting a
+  // source scrubs its readiness too.
+  Ready ready[maxEvents];
+  for (int i = 0; i < n; ++i) {
+    int const fd = events[i].data.fd;
+    ready[i] = {fd, registered_[static_cast<std::size_t>(fd)]};
+  }
+  struct Serving {
+    EventLoop& loop;
+    ~Serving() {
+      loop.ready_ = nullptr;
+      loop.readyCount_ = 0;
+    }
+  } serving{*this};
+  ready_ = ready;
+  readyCount_ = n;
+
+  clock->fireDue();
+  for (int i = 0; i < readyCount_; ++i) {
+    if (Source* source = ready_[i].source) source->onReadable();
+  }
+  ready_ = nullptr;
+  readyCount_ = 0;
+
+  for (std::size_t i = 0; i < queued && !deferred_.empty(); ++i) {
+    std::function<void()> work = std::move(deferred_.front());
+    deferred_.pop_front();
+    work();
+  }
+}
+
+void EventLoop::run() {
+  stopped_ = false;
+  while (!stopped_) turn();
+}
+
+bool EventLoop::runUntil(std::function<bool()> const& done, double maxSeconds) {
+  double const end = monotonicSeconds() + maxSeconds;
+  while (!done()) {
+    double const left = end - monotonicSeconds();
+    if (!(left > 0)) return false;
+    turn(left);
+  }
+  return true;
+}
+
+}  // namespace Kel

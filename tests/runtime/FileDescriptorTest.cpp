@@ -1,0 +1,163 @@
+#include "runtime/FileDescriptor.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <functional>
+#include <stdexcept>
+
+#include "runtime/ActivityManager.h"
+#include "runtime/Exception.h"
+
+namespace Kel {
+namespace {
+
+struct Pipe {
+  Pipe() {
+    if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
+  }
+  ~Pipe() {
+    close(fds[0]);
+    close(fds[1]);
+  }
+  int readEnd() const { return fds[0]; }
+  void put(char const* text) const { ASSERT_EQ(write(fds[1], text, strlen(text)), static_cast<ssize_t>(strlen(text))); }
+  int fds[2];
+};
+
+class Reader : public FileDescriptor::Notifiee {
+ public:
+  // Bytes read per call; 0 reads until the descriptor would block.
+  int bytesPerCall = 1;
+  int calls = 0;
+  std::function<void()> action;
+
+  void onReadableCount() override {
+    ++calls;
+    if (action) action();
+    if (!notifier()) return;
+    char c;
+    for (int n = 0; bytesPerCall == 0 || n < bytesPerCall; ++n) {
+      ssize_t const got = read(notifier()->descriptor(), &c, 1);
+      if (got <= 0) {
+        if (got < 0) lastError = errno;
+        break;
+      }
+    }
+  }
+  int lastError = 0;
+};
+
+bool nonBlockingFlag(int fd) { return fcntl(fd, F_GETFL) & O_NONBLOCK; }
+
+TEST(FileDescriptorIntegration, NotifiesWhileDataRemainsUntilReadToEagain) {
+  EventLoop& loop = activityManager()->loop();
+  std::size_t const sourcesBefore = loop.sources();
+  Pipe pipe;
+  Ptr<FileDescriptor> fd = FileDescriptor::FileDescriptorIs("pipe");
+  EXPECT_EQ(fd->name(), Name("pipe"));
+  fd->descriptorIs(pipe.readEnd());
+  fd->nonBlockingIs(true);
+  EXPECT_TRUE(nonBlockingFlag(pipe.readEnd()));
+  fd->notifyOnReadableIs(true);
+  EXPECT_EQ(loop.sources(), sourcesBefore + 1);
+  Ptr<Reader> reader = new Reader();
+  reader->notifierIs(fd);
+
+  loop.turn(0);
+  EXPECT_EQ(reader->calls, 0);
+  pipe.put("abc");
+  for (int turn = 1; turn <= 3; ++turn) {
+    loop.turn(0);
+    EXPECT_EQ(reader->calls, turn);
+  }
+  loop.turn(0);
+  EXPECT_EQ(reader->calls, 3);
+  EXPECT_EQ(fd->readableCount(), 3u);
+
+  pipe.put("defg");
+  reader->bytesPerCall = 0;
+  loop.turn(0);
+  loop.turn(0);
+  EXPECT_EQ(reader->calls, 4);
+  EXPECT_EQ(reader->lastError, EAGAIN);
+
+  fd->nonBlockingIs(false);
+  EXPECT_FALSE(nonBlockingFlag(pipe.readEnd()));
+  reader = nullptr;
+  fd = nullptr;
+  EXPECT_EQ(loop.sources(), sourcesBefore);
+  // The entity never closes what it was given.
+  EXPECT_GE(fcntl(pipe.readEnd(), F_GETFD), 0);
+}
+
+TEST(FileDescriptorIntegration, NoDescriptorOrNotifyOffStopsNotifications) {
+  EventLoop& loop = activityManager()->loop();
+  std::size_t const sourcesBefore = loop.sources();
+  Pipe pipe, other;
+  pipe.put("x");
+  other.put("y");
+  Ptr<FileDescriptor> fd = FileDescriptor::FileDescriptorIs("pipe");
+  Ptr<Reader> reader = new Reader();
+  reader->bytesPerCall = 0;
+  reader->notifierIs(fd);
+  // Watching needs both a descriptor and notification on.
+  fd->notifyOnReadableIs(true);
+  EXPECT_EQ(loop.sources(), sourcesBefore);
+  fd->nonBlockingIs(true);
+  fd->descriptorIs(pipe.readEnd());
+  EXPECT_TRUE(nonBlockingFlag(pipe.readEnd()));
+  EXPECT_EQ(loop.sources(), sourcesBefore + 1);
+
+  fd->descriptorIs(-1);
+  EXPECT_EQ(loop.sources(), sourcesBefore);
+  loop.turn(0);
+  EXPECT_EQ(reader->calls, 0);
+
+  // A new descriptor is watched in place of the old, and made non-blocking.
+  fd->descriptorIs(other.readEnd());
+  EXPECT_TRUE(nonBlockingFlag(other.readEnd()));
+  loop.turn(0);
+  EXPECT_EQ(reader->calls, 1);
+  other.put("z");
+  fd->notifyOnReadableIs(false);
+  EXPECT_EQ(loop.sources(), sourcesBefore);
+  loop.turn(0);
+  EXPECT_EQ(reader->calls, 1);
+
+  EXPECT_THROW(fd->descriptorIs(-2), RangeException);
+  fd->descriptorIs(-1);
+  int const closed = fcntl(pipe.readEnd(), F_DUPFD_CLOEXEC, 0);
+  close(closed);
+  try {
+    fd->descriptorIs(closed);
+    ADD_FAILURE() << "no exception";
+  } catch (ErrnoException const& e) {
+    EXPECT_EQ(e.error(), EBADF);
+  }
+  EXPECT_EQ(fd->descriptor(), -1);
+}
+
+TEST(FileDescriptorIntegration, ReactorMayDropTheEntityInItsCallback) {
+  EventLoop& loop = activityManager()->loop();
+  std::size_t const sourcesBefore = loop.sources();
+  Pipe pipe;
+  pipe.put("x");
+  Ptr<FileDescriptor> fd = FileDescriptor::FileDescriptorIs("pipe");
+  fd->descriptorIs(pipe.readEnd());
+  fd->notifyOnReadableIs(true);
+  Ptr<Reader> reader = new Reader();
+  reader->notifierIs(fd);
+  fd = nullptr;
+  // Unbinding drops the last reference to the entity being served.
+  reader->action = [&] { reader->notifierIs(nullptr); };
+  loop.turn(0);
+  EXPECT_EQ(reader->calls, 1);
+  EXPECT_EQ(loop.sources(), sourcesBefore);
+}
+
+}  // namespace
+}  // namespace Kel
