@@ -1,0 +1,193 @@
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+
+#include "runtime/Clock.h"
+#include "runtime/Entity.h"
+#include "runtime/FileDescriptor.h"
+#include "runtime/LinkQueue.h"
+#include "runtime/Name.h"
+#include "runtime/Strep.h"
+#include "runtime/String.h"
+
+namespace FileReplication {
+
+// What the kernel reported about one object in a watched directory.
+class InotifyEvent {
+ public:
+  enum Type : std::uint32_t { none = 0, modified = 1, created = 2, deleted = 3 };
+
+  InotifyEvent() = default;
+  InotifyEvent(Type eventType, bool isDirectory, std::uint32_t watchId, Kel::String fileName)
+      : eventType_(eventType), isDirectory_(isDirectory), watchId_(watchId), fileName_(std::move(fileName)) {}
+  // Reads the text form written by valueToStrep; attributes may come in any
+  // order or be left out, and a repeated one overwrites the earlier.
+  InotifyEvent(Kel::StrepIterator& it, Kel::StrepIterator end);
+
+  Type eventType() const { return eventType_; }
+  bool isDirectory() const { return isDirectory_; }
+  std::uint32_t watchId() const { return watchId_; }
+  // Empty when the event concerns the watched path itself.
+  Kel::String const& fileName() const { return fileName_; }
+
+  void eventTypeIs(Type v) { eventType_ = v; }
+  void isDirectoryIs(bool v) { isDirectory_ = v; }
+  void watchIdIs(std::uint32_t v) { watchId_ = v; }
+  void fileNameIs(Kel::String v) { fileName_ = std::move(v); }
+
+  static Type TypeInstance(std::uint32_t v);
+  static Type TypeInstance(Kel::String const& name);
+  static Kel::String stringValue(Type t);
+
+  static InotifyEvent sequenceToValue(Kel::StrepIterator& it, Kel::StrepIterator end);
+  // The whole text must be one event.
+  static InotifyEvent strepToValue(Kel::String const& text);
+
+  friend bool operator==(InotifyEvent const& a, InotifyEvent const& b);
+  friend bool operator!=(InotifyEvent const& a, InotifyEvent const& b) { return !(a == b); }
+
+ private:
+  Type eventType_ = none;
+  bool isDirectory_ = false;
+  std::uint32_t watchId_ = 0;
+  Kel::String fileName_;
+};
+
+Kel::String valueToStrep(InotifyEvent::Type t);
+Kel::String valueToStrep(InotifyEvent const& e);
+std::ostream& operator<<(std::ostream& o, InotifyEvent::Type t);
+std::ostream& operator<<(std::ostream& o, InotifyEvent const& e);
+
+// One inotify instance: hands out watches and queues the events read from it
+// for its readers, who learn of them through onInotifyEvent(index).
+class InotifyMonitor : public Kel::Entity {
+ public:
+  class NotifieeConst : public Kel::NotifieeBase<InotifyMonitor> {
+   public:
+    // An event was enqueued, dequeued or deleted at index.
+    virtual void onInotifyEvent(std::uint32_t) {}
+    // The whole queue was deleted.
+    virtual void onInotifyEvent() {}
+  };
+  using Notifiee = NotifieeConst;
+
+  // Calls the monitor whenever the inotify descriptor is readable.
+  class FileDescriptorReactor : public Kel::FileDescriptor::Notifiee {
+   public:
+    static Kel::Ptr<FileDescriptorReactor> FileDescriptorReactorIs(Kel::Ptr<Kel::FileDescriptor> const& fd,
+                                                                   InotifyMonitor* inotifyMonitor);
+
+    InotifyMonitor* inotifyMonitor() const { return inotifyMonitor_; }
+    // The notifier, writable: its owner turns readability off before closing.
+    Kel::Ptr<Kel::FileDescriptor> fileDescriptor() const { return fileDescriptor_; }
+
+    void onNotifier() override;
+    void onReadableCount() override;
+    void handleReadableCount();
+
+   private:
+    explicit FileDescriptorReactor(InotifyMonitor* inotifyMonitor) : inotifyMonitor_(inotifyMonitor) {}
+
+    InotifyMonitor* inotifyMonitor_;
+    Kel::Ptr<Kel::FileDescriptor> fileDescriptor_;
+  };
+
+  struct InotifyEventMetadata {
+    std::uint32_t head;
+    std::uint32_t tail;
+    std::uint64_t version;
+  };
+
+  // Sets up the inotify instance at once; failures throw Kel::ErrnoException.
+  static Kel::Ptr<InotifyMonitor> InotifyMonitorIs(Kel::Name name);
+
+  Kel::Name name() const { return name_; }
+  Kel::Ptr<FileDescriptorReactor> fdReactor() const { return fdReactor_; }
+
+  std::uint32_t inotifyEvents() const { return inotifyEvent_.members(); }
+  // A default event when index holds none.
+  InotifyEvent inotifyEvent(std::uint32_t index) const;
+  InotifyEventMetadata inotifyEventMetadata() const;
+  void inotifyEventEnq(InotifyEvent const& e);
+  void inotifyEventEnq(InotifyEvent&& e);
+  // A default event, and no notification, when the queue is empty.
+  InotifyEvent inotifyEventDeq();
+  void inotifyEventDel(std::uint32_t index);
+  void inotifyEventDelAll();
+
+  // Watches path for changes of the objects in it; returns the watch id.
+  std::uint32_t newWatchId(Kel::String const& path) const;
+  // A watch the kernel already dropped is not an error.
+  void watchIdToDelIs(std::uint32_t wd);
+
+  // Reads once from the instance and queues what it got.
+  void handleEvent();
+
+  void doInitFdReactor();
+  void doDestroyFdReactor();
+
+ protected:
+  explicit InotifyMonitor(Kel::Name name);
+  ~InotifyMonitor() override;
+
+ private:
+  int descriptor() const;
+
+  Kel::Name name_;
+  Kel::Ptr<FileDescriptorReactor> fdReactor_;
+  Kel::LinkQueue<InotifyEvent> inotifyEvent_;
+};
+
+Kel::Ptr<InotifyMonitor> inotifyMonitorFactory(Kel::Name name);
+
+// Watches one path with a monitor of its own and hands its events, one at a
+// time, to handleInotifyEvent, which a concrete watcher overrides. A burst is
+// handled at most ten events per turn of the event loop.
+class Watcher : public Kel::PtrInterface {
+ public:
+  // Creates the watcher and initialises it: watching starts at once.
+  static Kel::Ptr<Watcher> WatcherIs(Kel::String path);
+
+  Kel::String const& path() const { return path_; }
+  std::uint32_t wid() const { return wid_; }
+  Kel::Ptr<InotifyMonitor> inotifyMonitor() const { return inotifyMonitor_; }
+  Kel::Ptr<Kel::Clock> eventClock() const { return eventClock_; }
+  bool initialized() const { return initialized_; }
+
+  // Binding a monitor or a clock runs its handler once.
+  void inotifyMonitorIs(Kel::Ptr<InotifyMonitor> const& monitor);
+  void inotifyMonitorDel() { inotifyMonitorIs(nullptr); }
+  void eventClockIs(Kel::Ptr<Kel::Clock> const& clock);
+  void eventClockDel() { eventClockIs(nullptr); }
+  void widIs(std::uint32_t wid) { wid_ = wid; }
+  void initializedIs(bool v) { initialized_ = v; }
+
+  virtual void handleInotifyEvent(InotifyEvent const& event);
+  // Takes the clock, a monitor of its own and the watch on path.
+  virtual void handleInitialized();
+  void handleInotifyEventQueue();
+  void handleEventClock();
+
+ protected:
+  // Not yet initialised: whoever creates the watcher calls handleInitialized.
+  explicit Watcher(Kel::String path);
+  ~Watcher() override;
+
+ private:
+  class KelInotifyMonitor;
+  class KelEventClock;
+
+  Kel::String path_;
+  std::uint32_t wid_ = 0;
+  Kel::Ptr<InotifyMonitor> inotifyMonitor_;
+  Kel::Ptr<Kel::Clock> eventClock_;
+  bool initialized_ = false;
+
+  Kel::Ptr<KelInotifyMonitor> kelInotifyMonitor_;
+  Kel::Ptr<KelEventClock> kelEventClock_;
+};
+
+Kel::Ptr<Watcher> watcherFactory(Kel::String path);
+
+}  // namespace FileReplication
