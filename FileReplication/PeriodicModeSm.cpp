@@ -1,0 +1,162 @@
+#include "FileReplication/PeriodicModeSm.h"
+
+#include "runtime/ActivityManager.h"
+#include "runtime/Trace.h"
+
+KEL_TRACE_FACILITY("FileReplicationSm")
+
+namespace FileReplication {
+
+class PeriodicRequesterConfigSm::KelClock : public Kel::Clock::NotifieeConst {
+ public:
+  explicit KelClock(PeriodicRequesterConfigSm* sm) : sm_(sm) {}
+  void onNotifier() override {
+    if (sm_) sm_->handleClock();
+  }
+  void onTime() override {
+    if (sm_) sm_->handleClock();
+  }
+  void smIs(PeriodicRequesterConfigSm* sm) { sm_ = sm; }
+
+ private:
+  PeriodicRequesterConfigSm* sm_;
+};
+
+Kel::Ptr<PeriodicRequesterConfigSm> PeriodicRequesterConfigSm::PeriodicRequesterConfigSmIs(
+    Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig, Kel::Ptr<RequesterStatus> requesterStatus) {
+  return new PeriodicRequesterConfigSm(name, std::move(requesterConfig), std::move(requesterStatus));
+}
+
+PeriodicRequesterConfigSm::PeriodicRequesterConfigSm(Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig,
+                                                     Kel::Ptr<RequesterStatus> requesterStatus)
+    : RequesterConfigSmBase(name, std::move(requesterConfig), std::move(requesterStatus)) {
+  handleInitialized();
+}
+
+PeriodicRequesterConfigSm::~PeriodicRequesterConfigSm() {
+  zombieReactorsDel();
+  if (clock_) clock_->smIs(nullptr);
+  replicationSmDelAll();
+  clockDel();
+}
+
+Kel::Ptr<ReplicationSm> PeriodicRequesterConfigSm::replicationSm(Kel::String const& key) const {
+  auto const* sm = replicationSm_.find(key);
+  return sm ? *sm : nullptr;
+}
+
+Kel::Ptr<ReplicationSm> PeriodicRequesterConfigSm::replicationSmIs(Kel::String const& key,
+                                                                   Kel::Ptr<RequesterConfig const> requesterConfig,
+                                                                   Kel::Ptr<FileConfig const> fileConfig,
+                                                                   Kel::Ptr<FileStatus> fileStatus) {
+  if (auto present = replicationSm(key)) return present;
+  return newReplicationSm(key, std::move(requesterConfig), std::move(fileConfig), std::move(fileStatus));
+}
+
+Kel::Ptr<ReplicationSm> PeriodicRequesterConfigSm::newReplicationSm(Kel::String const& key,
+                                                                    Kel::Ptr<RequesterConfig const> requesterConfig,
+                                                                    Kel::Ptr<FileConfig const> fileConfig,
+                                                                    Kel::Ptr<FileStatus> fileStatus) {
+  auto sm = ReplicationSm::ReplicationSmIs(key, std::move(requesterConfig), std::move(fileConfig),
+                                           std::move(fileStatus));
+  replicationSm_.insert(key, sm);
+  return sm;
+}
+
+void PeriodicRequesterConfigSm::replicationSmDel(Kel::String const& key) {
+  // Destroyed once out of the collection: its destructor kills a running child.
+  replicationSm_.erase(key);
+}
+
+void PeriodicRequesterConfigSm::replicationSmDelAll() {
+  while (replicationSm_.popFront()) {
+  }
+}
+
+Kel::Ptr<Kel::Clock const> PeriodicRequesterConfigSm::clock() const { return clock_ ? clock_->notifier() : nullptr; }
+
+void PeriodicRequesterConfigSm::clockIs(Kel::Ptr<Kel::Clock const> const& clock) {
+  if (!clock) {
+    clockDel();
+    return;
+  }
+  if (clock_ && clock_->notifier() == clock) return;
+  if (!clock_) clock_ = new KelClock(this);
+  clock_->notifierIs(clock);
+}
+
+void PeriodicRequesterConfigSm::clockDel() {
+  if (!clock_) return;
+  clock_->notifierIs(nullptr);
+  clock_ = nullptr;
+}
+
+double PeriodicRequesterConfigSm::clockTime() const { return clock_ ? clock_->timeMin() : Kel::Clock::never; }
+
+void PeriodicRequesterConfigSm::handleInitialized() {
+  KEL_TRACE(3, __PRETTY_FUNCTION__);
+  remoteHostSmIs(this, requesterConfig());
+  clockIs(Kel::activityManager()->clock());
+  handleEnabled();
+  initialized_ = true;
+}
+
+void PeriodicRequesterConfigSm::handleEnabled() {
+  KEL_TRACE(3, __PRETTY_FUNCTION__);
+  // Nothing is torn down on disable: only the clock is parked.
+  RequesterConfigSmBase::handleEnabled();
+  handlePeriod();
+}
+
+void PeriodicRequesterConfigSm::handleFile(Kel::Name name) {
+  KEL_TRACE(3, __PRETTY_FUNCTION__);
+  if (!enabled()) return;
+  RequesterConfigSmBase::handleFile(name);
+  auto fileConfig = requesterConfig()->file(name);
+  if (!fileConfig) {
+    replicationSmDel(Kel::String(name));
+    return;
+  }
+  // A tracked file keeps its machine, which reads its attributes afresh.
+  replicationSmIs(Kel::String(name), requesterConfig(), fileConfig, requesterStatus()->file(name));
+}
+
+void PeriodicRequesterConfigSm::handlePeriod() {
+  KEL_TRACE(3, __PRETTY_FUNCTION__);
+  if (!clock_) return;
+  if (!enabled()) {
+    clock_->timeMinIs(Kel::Clock::never);
+    return;
+  }
+  // No lower bound: a period of zero or less fires on every pass of the loop.
+  clock_->timeMinIs(Kel::now() + requesterConfig()->period());
+}
+
+void PeriodicRequesterConfigSm::handleClock() {
+  KEL_TRACE(3, __PRETTY_FUNCTION__);
+  replicateFiles();
+  handlePeriod();
+}
+
+void PeriodicRequesterConfigSm::replicateFiles() {
+  KEL_TRACE(3, __PRETTY_FUNCTION__);
+  if (!enabled()) return;
+  for (auto const& [key, sm] : replicationSm_) {
+    KEL_TRACE(6, "Requesting replication");
+    sm->replicate();
+  }
+}
+
+void PeriodicRequesterConfigSm::deleteIfNotExist() {
+  KEL_TRACE(3, __PRETTY_FUNCTION__);
+  // Only a disabled requester hands its files over to deletion.
+  if (enabled()) return;
+  for (auto const& [key, sm] : replicationSm_) sm->deleteFile();
+}
+
+void PeriodicRequesterConfigSm::zombieReactorsDel() {
+  RequesterConfigSmBase::zombieReactorsDel();
+  if (clock_) clock_->markedForDeletionIs(true);
+}
+
+}  // namespace FileReplication
