@@ -1,7 +1,7 @@
 # Shared by scripts/run and scripts/test: installs what is missing, then
 # configures and builds incrementally.
 
-packages=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev rsync openssh-client)
+packages=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev libyaml-cpp-dev nlohmann-json3-dev libcli11-dev rsync openssh-client openssh-server)
 
 install_missing() {
   local missing=()
@@ -20,8 +20,6 @@ install_missing() {
 
 build() {
   local dir=$1; shift
-  if [ ! -f "$dir/build.ninja" ]; then
-    cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
-  fi
+  cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
   cmake --build "$dir" -j "$(nproc)"
 }

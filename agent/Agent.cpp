@@ -1,0 +1,290 @@
+#include "agent/Agent.h"
+
+#include <limits.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <stdexcept>
+
+#include "FileReplication/FileReplicationUtils.h"
+#include "FileReplication/Inotify.h"
+#include "FileReplication/InotifyModeSm.h"
+#include "FileReplication/PeriodicModeSm.h"
+#include "agent/ConfigApplier.h"
+#include "agent/ConfigFile.h"
+#include "agent/ControlServer.h"
+#include "runtime/ActivityManager.h"
+#include "runtime/ChildManager.h"
+#include "runtime/FileDescriptor.h"
+#include "runtime/Morlix.h"
+
+namespace Agent {
+
+using FileReplication::ReplicationSm;
+
+namespace {
+
+// Editors write a file in several steps; one reload after the last of them.
+constexpr double reloadDelay = 0.2;
+
+void say(std::string const& message) { std::cerr << "filerep: " << message << std::endl; }
+
+sigset_t handledSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGHUP);
+  return set;
+}
+
+Kel::Ptr<ReplicationSm> replicationSmOf(FileReplication::RequesterConfigSmBase* sm, std::string const& path) {
+  if (auto* periodic = dynamic_cast<FileReplication::PeriodicRequesterConfigSm*>(sm)) {
+    return periodic->replicationSm(path);
+  }
+  if (auto* inotify = dynamic_cast<FileReplication::InotifyRequesterConfigSm*>(sm)) {
+    auto dir = inotify->dirSm(FileReplication::Utils::dirname(path));
+    return dir ? dir->replicationSm(FileReplication::Utils::filename(path)) : nullptr;
+  }
+  return nullptr;
+}
+
+std::string stateText(ReplicationSm::State state) {
+  std::ostringstream text;
+  text << state;
+  return text.str();
+}
+
+nlohmann::json error(std::string message) { return {{"ok", false}, {"error", std::move(message)}}; }
+
+}  // namespace
+
+class Agent::SignalReactor : public Kel::FileDescriptor::NotifieeConst {
+ public:
+  explicit SignalReactor(Agent* agent) : agent_(agent) {}
+  void onReadableCount() override {
+    signalfd_siginfo info;
+    while (read(notifier()->descriptor(), &info, sizeof info) == sizeof info) {
+      if (info.ssi_signo == SIGHUP) {
+        say("SIGHUP: reloading the configuration");
+        agent_->reload();
+      } else {
+        say(std::string(strsignal(int(info.ssi_signo))) + ": shutting down");
+        agent_->stop();
+      }
+    }
+  }
+
+ private:
+  Agent* agent_;
+};
+
+class Agent::ConfigFileWatcher : public FileReplication::Watcher {
+ public:
+  ConfigFileWatcher(Agent* agent, Kel::String directory, std::string fileName)
+      : Watcher(std::move(directory)), agent_(agent), fileName_(std::move(fileName)) {
+    handleInitialized();
+  }
+  void handleInotifyEvent(FileReplication::InotifyEvent const& event) override {
+    // Whatever happened to it (written, renamed over, removed): read it again.
+    if (event.fileName().str() == fileName_) agent_->reloadSoon();
+  }
+
+ private:
+  Agent* agent_;
+  std::string fileName_;
+};
+
+class Agent::ReloadTimer : public Kel::Clock::NotifieeConst {
+ public:
+  explicit ReloadTimer(Agent* agent) : agent_(agent) {}
+  void onTime() override {
+    say("the configuration file changed: reloading");
+    agent_->reload();
+  }
+
+ private:
+  Agent* agent_;
+};
+
+Agent::Agent(Options options) : options_(std::move(options)) {
+  ParsedConfig parsed = parseConfigFile(options_.configPath);
+  if (!parsed.ok()) {
+    std::string all;
+    for (auto const& e : parsed.errors) all += e + "\n";
+    throw std::runtime_error("the configuration is not valid:\n" + all);
+  }
+  if (!options_.traceFile.empty()) Morlix::open(options_.traceFile);
+  if (auto appended = ensureReplicateOnPath(); !appended.empty()) say("using the bundled Replicate in " + appended);
+
+  // Blocked so that they arrive through the loop; children get a clean mask.
+  sigset_t set = handledSignals();
+  sigprocmask(SIG_BLOCK, &set, nullptr);
+  signalFd_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+  if (signalFd_ < 0) throw std::runtime_error(std::string("signalfd: ") + strerror(errno));
+  auto descriptor = Kel::FileDescriptor::FileDescriptorIs("filerep-signals");
+  descriptor->descriptorIs(signalFd_);
+  descriptor->notifyOnReadableIs(true);
+  signals_ = new SignalReactor(this);
+  signals_->notifierIs(descriptor);
+
+  control_ = std::make_unique<ControlServer>(options_.socketPath,
+                                             [this](nlohmann::json const& request) { return handle(request); });
+
+  config_ = FileReplication::Config::ConfigIs();
+  status_ = FileReplication::Status::StatusIs();
+  configSm_ = FileReplication::configSmFactory(config_, status_);
+  apply(parsed.config);
+
+  std::filesystem::path const configPath = std::filesystem::absolute(options_.configPath);
+  reloadTimer_ = new ReloadTimer(this);
+  reloadTimer_->notifierIs(Kel::activityManager()->clock());
+  watcher_ = new ConfigFileWatcher(this, configPath.parent_path().string(), configPath.filename().string());
+  say("running with " + std::to_string(config_->requesters()) + " requesters from " + options_.configPath);
+}
+
+Agent::~Agent() {
+  watcher_ = nullptr;
+  if (reloadTimer_) reloadTimer_->notifierIs(nullptr);
+  // The machines go first: running children are killed and every status
+  // is final before anything else is released.
+  configSm_ = nullptr;
+  Kel::activityManager()->children().childDelAll();
+  control_.reset();
+  if (signals_) {
+    auto descriptor = signals_->notifier();
+    signals_->notifierIs(nullptr);
+    const_cast<Kel::FileDescriptor*>(descriptor.ptr())->notifyOnReadableIs(false);
+  }
+  if (signalFd_ >= 0) close(signalFd_);
+  sigset_t set = handledSignals();
+  sigprocmask(SIG_UNBLOCK, &set, nullptr);
+  if (Morlix::isOpen()) Morlix::close();
+}
+
+void Agent::run() { Kel::activityManager()->loop().run(); }
+
+void Agent::stop() { Kel::activityManager()->loop().stop(); }
+
+bool Agent::reload() {
+  ParsedConfig parsed = parseConfigFile(options_.configPath);
+  if (!parsed.ok()) {
+    say("the new configuration is not valid; the running one stays as it was:");
+    for (auto const& e : parsed.errors) std::cerr << e << std::endl;
+    return false;
+  }
+  apply(parsed.config);
+  return true;
+}
+
+void Agent::apply(AgentConfig const& settings) {
+  Kel::activityManager()->children().maxRunningIs(settings.maxConcurrentReplications);
+  for (auto const& line : applyConfig(settings, *config_)) say(line);
+}
+
+void Agent::reloadSoon() { reloadTimer_->timeMinIs(Kel::now() + reloadDelay); }
+
+nlohmann::json Agent::status() const {
+  nlohmann::json requesters = nlohmann::json::object();
+  for (auto const& [name, rc] : config_->requester()) {
+    auto rs = status_->requester(name);
+    auto sm = configSm_->requesterConfigSm(name);
+    nlohmann::json files = nlohmann::json::object();
+    for (auto const& [path, fc] : rc->file()) {
+      auto fs = rs ? rs->file(path) : nullptr;
+      auto rsm = sm ? replicationSmOf(sm.ptr(), path.str()) : nullptr;
+      nlohmann::json file;
+      bool const known = fs && fs->status() != FileReplication::FileStatus::unknown;
+      std::ostringstream statusText;
+      if (known) statusText << fs->status();
+      file["status"] = known ? nlohmann::json(statusText.str()) : nlohmann::json(nullptr);
+      file["state"] = stateText(rsm ? rsm->state() : ReplicationSm::disabled);
+      file["lastSynchronized"] =
+          fs && fs->lastSynchronized() > 0 ? nlohmann::json(fs->lastSynchronized()) : nlohmann::json(nullptr);
+      files[path.str()] = std::move(file);
+    }
+    requesters[name.str()] = {{"mode", rc->mode() == FileReplication::RequesterConfig::inotify ? "inotify" : "periodic"},
+                              {"enabled", rc->enabled()},
+                              {"files", std::move(files)}};
+  }
+  return {{"requesters", std::move(requesters)}};
+}
+
+nlohmann::json Agent::handle(nlohmann::json const& request) {
+  std::string const command = request.at("command").get<std::string>();
+  if (command == "status") {
+    nlohmann::json reply = status();
+    reply["ok"] = true;
+    return reply;
+  }
+  std::string const requester = request.at("requester").get<std::string>();
+  if (command == "replicate") return replicate(requester, request.contains("path") ? request["path"] : nullptr);
+  if (command == "deleteIfNotExist") return deleteIfNotExist(requester);
+  return error("unknown command \"" + command + "\"");
+}
+
+nlohmann::json Agent::replicate(std::string const& requester, nlohmann::json const& path) {
+  auto rc = config_->requester(requester);
+  auto sm = configSm_->requesterConfigSm(requester);
+  if (!rc || !sm) return error("no requester named \"" + requester + "\"");
+  nlohmann::json reply = {{"ok", true}};
+  if (!rc->enabled()) reply["note"] = "requester \"" + requester + "\" is disabled: nothing will run";
+  if (path.is_null()) {
+    FileReplication::RequesterConfigSmBase::operations().invoke(*sm, "replicateFiles");
+    return reply;
+  }
+  std::string const file = path.get<std::string>();
+  if (!rc->file(file)) return error("requester \"" + requester + "\" has no file " + file);
+  auto rsm = replicationSmOf(sm.ptr(), file);
+  if (!rsm) {
+    reply["note"] = "file " + file + " is not tracked while its requester is disabled";
+    return reply;
+  }
+  ReplicationSm::operations().invoke(*rsm, "replicate");
+  return reply;
+}
+
+nlohmann::json Agent::deleteIfNotExist(std::string const& requester) {
+  auto rc = config_->requester(requester);
+  auto sm = configSm_->requesterConfigSm(requester);
+  if (!rc || !sm) return error("no requester named \"" + requester + "\"");
+  nlohmann::json reply = {{"ok", true}};
+  if (rc->enabled()) reply["note"] = "requester \"" + requester + "\" is enabled: nothing is deleted while enabled";
+  FileReplication::RequesterConfigSmBase::operations().invoke(*sm, "deleteIfNotExist");
+  return reply;
+}
+
+std::string ensureReplicateOnPath() {
+  char const* path = getenv("PATH");
+  std::string const current = path ? path : "";
+  std::string::size_type start = 0;
+  while (start <= current.size()) {
+    auto end = current.find(':', start);
+    if (end == std::string::npos) end = current.size();
+    std::string dir = current.substr(start, end - start);
+    if (dir.empty()) dir = ".";
+    if (access((dir + "/Replicate").c_str(), X_OK) == 0) return "";
+    start = end + 1;
+  }
+  char self[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n <= 0) return "";
+  self[n] = '\0';
+  std::filesystem::path const here = std::filesystem::path(self).parent_path();
+  for (auto const& dir : {here, here / "../tools/Replicate", here / "../lib/filerep"}) {
+    if (access((dir / "Replicate").c_str(), X_OK) == 0) {
+      std::string const appended = std::filesystem::weakly_canonical(dir).string();
+      setenv("PATH", (current.empty() ? appended : current + ":" + appended).c_str(), 1);
+      return appended;
+    }
+  }
+  return "";
+}
+
+}  // namespace Agent

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "FileReplication/FileReplicationSm.h"
+#include "agent/AgentConfig.h"
+#include "entities/Config.h"
+#include "entities/Status.h"
+
+namespace Agent {
+
+class ControlServer;
+
+// The running agent: owns the configuration and status trees and the root
+// machine over them, reloads the configuration file on SIGHUP and whenever
+// it changes on disk, answers the control socket, and shuts down in order on
+// SIGTERM or SIGINT.
+class Agent {
+ public:
+  struct Options {
+    std::string configPath;
+    std::string socketPath;
+    std::string traceFile;
+  };
+
+  // Reads the configuration and starts everything; throws std::runtime_error
+  // with a message for the operator when that cannot be done.
+  explicit Agent(Options options);
+  ~Agent();
+  Agent(Agent const&) = delete;
+  Agent& operator=(Agent const&) = delete;
+
+  // Serves until SIGTERM or SIGINT (or stop()).
+  void run();
+  void stop();
+
+  // Reads the file again and applies what changed; tells whether it was
+  // valid. An invalid file changes nothing.
+  bool reload();
+
+  nlohmann::json status() const;
+  // A control request, already checked for shape by the server.
+  nlohmann::json handle(nlohmann::json const& request);
+
+  Kel::Ptr<FileReplication::Config> config() const { return config_; }
+  Kel::Ptr<FileReplication::Status> statusTree() const { return status_; }
+  Kel::Ptr<FileReplication::ConfigSm> configSm() const { return configSm_; }
+
+ private:
+  class SignalReactor;
+  class ConfigFileWatcher;
+  class ReloadTimer;
+
+  void apply(AgentConfig const& settings);
+  void reloadSoon();
+  nlohmann::json replicate(std::string const& requester, nlohmann::json const& path);
+  nlohmann::json deleteIfNotExist(std::string const& requester);
+
+  Options options_;
+  Kel::Ptr<FileReplication::Config> config_;
+  Kel::Ptr<FileReplication::Status> status_;
+  Kel::Ptr<FileReplication::ConfigSm> configSm_;
+  std::unique_ptr<ControlServer> control_;
+  int signalFd_ = -1;
+  Kel::Ptr<SignalReactor> signals_;
+  Kel::Ptr<ConfigFileWatcher> watcher_;
+  Kel::Ptr<ReloadTimer> reloadTimer_;
+};
+
+// Makes sure a Replicate program can be found: PATH is left exactly as it is
+// when it has one, else the directory of the bundled one is appended.
+// Returns the directory appended, or empty.
+std::string ensureReplicateOnPath();
+
+}  // namespace Agent

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "entities/RequesterConfig.h"
+
+namespace Agent {
+
+// The agent's configuration file, read and checked: what the entity tree is
+// to become.
+struct FileSettings {
+  std::string path;
+  std::string dstPath;
+  std::string rsyncOptions;
+  bool operator==(FileSettings const&) const = default;
+};
+
+struct RequesterSettings {
+  std::string name;
+  FileReplication::RequesterConfig::Mode mode = FileReplication::RequesterConfig::periodic;
+  bool enabled = true;
+  std::vector<std::string> remoteHosts;
+  double period = 60;
+  double replicationTimeout = 60;
+  double retryInterval = 10;
+  int syncErrorThreshold = 3;
+  double remoteHostReplicationDelay = 5;
+  std::vector<FileSettings> files;
+  bool operator==(RequesterSettings const&) const = default;
+};
+
+struct AgentConfig {
+  // 0: no limit on running Replicate children.
+  unsigned maxConcurrentReplications = 16;
+  std::vector<RequesterSettings> requesters;
+  bool operator==(AgentConfig const&) const = default;
+};
+
+}  // namespace Agent

@@ -1,0 +1,509 @@
+#include "agent/ConfigFile.h"
+
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <yaml-cpp/yaml.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <optional>
+#include <span>
+#include <string_view>
+#include <unordered_map>
+
+#include "FileReplication/FileReplicationUtils.h"
+
+namespace Agent {
+
+namespace {
+
+using FileReplication::RequesterConfig;
+using Keys = std::span<std::string_view const>;
+
+// A configuration is a few kilobytes; anything this large is a mistake
+// (or /dev/zero) and is not read whole into memory.
+constexpr std::size_t maxFileSize = 16 << 20;
+
+constexpr std::string_view topLevelKeys[] = {"maxConcurrentReplications", "requesters"};
+constexpr std::string_view requesterKeys[] = {"mode",
+                                              "enabled",
+                                              "remoteHosts",
+                                              "period",
+                                              "replicationTimeout",
+                                              "retryInterval",
+                                              "syncErrorThreshold",
+                                              "remoteHostReplicationDelay",
+                                              "files"};
+constexpr std::string_view fileKeys[] = {"path", "dstPath", "rsyncOptions"};
+
+struct TimeSetting {
+  std::string_view key;
+  double RequesterSettings::*field;
+  bool zeroAllowed;
+};
+
+// A period of 0 is meaningful (replicate on every pass of the loop); a
+// replication timeout of 0 would kill every run at once.
+constexpr TimeSetting timeSettings[] = {
+    {"period", &RequesterSettings::period, true},
+    {"replicationTimeout", &RequesterSettings::replicationTimeout, false},
+    {"retryInterval", &RequesterSettings::retryInterval, true},
+    {"remoteHostReplicationDelay", &RequesterSettings::remoteHostReplicationDelay, true},
+};
+
+// Hosts are joined with ',' for Replicate, and a host name that a shell or
+// ssh could read as something else is refused before it gets anywhere.
+constexpr std::string_view shellMetacharacters = "|&;<>()$`\\\"'*?{}!#~";
+
+std::string describeErrno(int error) {
+  char buffer[256];
+  return strerror_r(error, buffer, sizeof buffer);
+}
+
+std::string quoted(std::string_view s) {
+  std::string q = "\"";
+  for (char c : s) {
+    auto const u = static_cast<unsigned char>(c);
+    if (c == '"' || c == '\\') {
+      q += '\\';
+      q += c;
+    } else if (c == '\n') {
+      q += "\\n";
+    } else if (c == '\t') {
+      q += "\\t";
+    } else if (u < 0x20 || u == 0x7f) {
+      char hex[8];
+      std::snprintf(hex, sizeof hex, "\\x%02x", u);
+      q += hex;
+    } else {
+      q += c;
+    }
+  }
+  return q + '"';
+}
+
+std::string joined(Keys keys) {
+  std::string text;
+  for (auto key : keys) {
+    if (!text.empty()) text += ", ";
+    text += key;
+  }
+  return text;
+}
+
+// What a node is, for "KEY is WHAT; expected ...".
+std::string describe(YAML::Node const& n) {
+  switch (n.Type()) {
+    case YAML::NodeType::Scalar: return quoted(n.Scalar());
+    case YAML::NodeType::Sequence: return "a list";
+    case YAML::NodeType::Map: return "a mapping";
+    default: return "empty";
+  }
+}
+
+// yaml-cpp places an empty value at the next token, often on a later line;
+// the key is where the reader should look.
+YAML::Mark markOf(YAML::Node const& value, YAML::Node const& key) { return value.IsNull() ? key.Mark() : value.Mark(); }
+
+// Plain numbers only: YAML's ".inf" and hexadecimal are refused, and an
+// integer must not carry a fraction.
+template <class T>
+std::optional<T> readNumber(YAML::Node const& n) {
+  if (!n.IsScalar()) return std::nullopt;
+  std::string const& s = n.Scalar();
+  T v{};
+  auto const [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
+  if (ec != std::errc() || end != s.data() + s.size()) return std::nullopt;
+  return v;
+}
+
+// A NUL would silently cut the text short where the library hands it on.
+std::optional<std::string> readText(YAML::Node const& n) {
+  if (!n.IsScalar() || n.Scalar().find('\0') != std::string::npos) return std::nullopt;
+  return n.Scalar();
+}
+
+bool isRequesterName(std::string_view name) {
+  if (name.empty()) return false;
+  for (char c : name) {
+    bool const ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+                    c == '_' || c == '-';
+    if (!ok) return false;
+  }
+  return true;
+}
+
+// Why host cannot be handed to Replicate, or nothing.
+std::optional<std::string> hostProblem(std::string_view host) {
+  if (host.empty()) return "is empty";
+  if (host.front() == '-') return "starts with '-', which ssh and rsync would take for an option";
+  for (char c : host) {
+    auto const u = static_cast<unsigned char>(c);
+    if (u <= 0x20 || u == 0x7f) return "contains whitespace or a control character";
+    if (c == ',') return "contains ',', which separates hosts";
+    if (shellMetacharacters.find(c) != std::string_view::npos) {
+      return std::string("contains the shell metacharacter '") + c + "'";
+    }
+  }
+  return std::nullopt;
+}
+
+// One name per file: "/a//b" or "/a/./b" would be a second entry, and a
+// second machine, for the same file.
+bool isPlainFilePath(std::string_view path) {
+  if (path.size() < 2 || path.front() != '/') return false;
+  std::size_t start = 1;
+  while (start <= path.size()) {
+    std::size_t end = path.find('/', start);
+    if (end == std::string_view::npos) end = path.size();
+    std::string_view const part = path.substr(start, end - start);
+    if (part.empty() || part == "." || part == "..") return false;
+    start = end + 1;
+  }
+  return true;
+}
+
+class Parser {
+ public:
+  explicit Parser(std::string const& fileName) : fileName_(fileName) {}
+  ParsedConfig parse(std::string const& text);
+
+ private:
+  // Where a file was named, for checks that need the whole requester.
+  struct FileSite {
+    std::string path;
+    YAML::Mark mark;
+  };
+
+  void error(YAML::Mark const& at, std::string const& message);
+  void unknownKey(YAML::Node const& key, std::string const& where, Keys allowed);
+  template <class Handle>
+  void forEachEntry(YAML::Node const& map, Handle handle);
+
+  void parseTop(YAML::Node const& top);
+  void parseRequesters(YAML::Node const& requesters, YAML::Mark const& at);
+  void parseRequester(std::string const& name, YAML::Node const& key, YAML::Node const& settings);
+  void parseSeconds(YAML::Node const& value, YAML::Mark const& at, TimeSetting const& setting, RequesterSettings& r);
+  void parseRemoteHosts(YAML::Node const& hosts, YAML::Mark const& at, RequesterSettings& r);
+  void parseFiles(YAML::Node const& files, YAML::Mark const& at, RequesterSettings& r, std::vector<FileSite>& sites);
+  std::optional<std::string> parsePath(YAML::Node const& value, YAML::Mark const& at, std::string const& key,
+                                       bool plain);
+  void checkWatchable(FileSite const& site);
+
+  std::string const& fileName_;
+  ParsedConfig result_;
+};
+
+ParsedConfig Parser::parse(std::string const& text) {
+  try {
+    std::vector<YAML::Node> const documents = YAML::LoadAll(text);
+    if (documents.empty() || (documents.size() == 1 && documents[0].IsNull())) {
+      error(YAML::Mark(), "the file is empty; expected a mapping with the keys " + joined(topLevelKeys));
+    } else {
+      parseTop(documents[0]);
+      if (documents.size() > 1) error(documents[1].Mark(), "the file holds a second document; expected one document");
+    }
+  } catch (YAML::Exception const& e) {
+    error(e.mark, "YAML syntax error: " + e.msg);
+  } catch (std::exception const& e) {
+    result_.errors.push_back(fileName_ + ": " + e.what());
+  }
+  if (!result_.ok()) result_.config = AgentConfig();
+  return std::move(result_);
+}
+
+void Parser::error(YAML::Mark const& at, std::string const& message) {
+  int const line = at.is_null() ? 1 : at.line + 1;
+  int const column = at.is_null() ? 1 : at.column + 1;
+  result_.errors.push_back(fileName_ + ":" + std::to_string(line) + ":" + std::to_string(column) + ": " + message);
+}
+
+void Parser::unknownKey(YAML::Node const& key, std::string const& where, Keys allowed) {
+  error(key.Mark(), "unknown key " + quoted(key.Scalar()) + where + "; expected one of " + joined(allowed));
+}
+
+// Hands handle(key, keyNode, value) every entry whose key is text, given
+// once. yaml-cpp keeps both entries of a repeated key, so repeats are found
+// here.
+template <class Handle>
+void Parser::forEachEntry(YAML::Node const& map, Handle handle) {
+  std::unordered_map<std::string, int> firstLine;
+  for (auto const& entry : map) {
+    YAML::Node const& key = entry.first;
+    if (!key.IsScalar()) {
+      error(markOf(key, map), "a key is " + describe(key) + "; expected a name");
+      continue;
+    }
+    auto const [first, isNew] = firstLine.emplace(key.Scalar(), key.Mark().line + 1);
+    if (!isNew) {
+      error(key.Mark(), "key " + quoted(key.Scalar()) + " is given twice (first at line " +
+                            std::to_string(first->second) + "); expected each key once");
+      continue;
+    }
+    handle(key.Scalar(), key, entry.second);
+  }
+}
+
+void Parser::parseTop(YAML::Node const& top) {
+  if (!top.IsMap()) {
+    error(top.Mark(), "the top level is " + describe(top) + "; expected a mapping with the keys " +
+                          joined(topLevelKeys));
+    return;
+  }
+  forEachEntry(top, [&](std::string const& key, YAML::Node const& keyNode, YAML::Node const& value) {
+    YAML::Mark const at = markOf(value, keyNode);
+    if (key == "maxConcurrentReplications") {
+      if (auto n = readNumber<unsigned>(value)) {
+        result_.config.maxConcurrentReplications = *n;
+      } else {
+        error(at, key + " is " + describe(value) + "; expected a whole number >= 0 (0 for no limit)");
+      }
+    } else if (key == "requesters") {
+      parseRequesters(value, at);
+    } else {
+      unknownKey(keyNode, "", topLevelKeys);
+    }
+  });
+}
+
+void Parser::parseRequesters(YAML::Node const& requesters, YAML::Mark const& at) {
+  // "requesters:" with everything under it commented out: none.
+  if (requesters.IsNull()) return;
+  if (!requesters.IsMap()) {
+    error(at, "requesters is " + describe(requesters) + "; expected a mapping of requester names to their settings");
+    return;
+  }
+  forEachEntry(requesters, [&](std::string const& name, YAML::Node const& key, YAML::Node const& settings) {
+    parseRequester(name, key, settings);
+  });
+}
+
+void Parser::parseRequester(std::string const& name, YAML::Node const& key, YAML::Node const& settings) {
+  // The status output and the control socket name requesters as plain words.
+  if (!isRequesterName(name)) {
+    error(key.Mark(), "requester name " + quoted(name) +
+                          " is not allowed; expected one or more letters, digits, '.', '_' or '-'");
+  }
+  std::string const where = " in requester " + quoted(name);
+  if (!settings.IsMap()) {
+    error(markOf(settings, key), "requester " + quoted(name) + " is " + describe(settings) +
+                                     "; expected a mapping with at least mode");
+    return;
+  }
+  RequesterSettings r;
+  r.name = name;
+  bool hasMode = false;
+  bool modeValid = false;
+  std::vector<FileSite> sites;
+  forEachEntry(settings, [&](std::string const& k, YAML::Node const& keyNode, YAML::Node const& value) {
+    YAML::Mark const at = markOf(value, keyNode);
+    if (k == "mode") {
+      hasMode = true;
+      modeValid = true;
+      if (value.IsScalar() && value.Scalar() == "periodic") {
+        r.mode = RequesterConfig::periodic;
+      } else if (value.IsScalar() && value.Scalar() == "inotify") {
+        r.mode = RequesterConfig::inotify;
+      } else {
+        modeValid = false;
+        error(at, "mode is " + describe(value) + "; expected periodic or inotify");
+      }
+    } else if (k == "enabled") {
+      if (!YAML::convert<bool>::decode(value, r.enabled)) {
+        error(at, "enabled is " + describe(value) + "; expected true or false");
+      }
+    } else if (k == "remoteHosts") {
+      parseRemoteHosts(value, at, r);
+    } else if (k == "files") {
+      parseFiles(value, at, r, sites);
+    } else if (k == "syncErrorThreshold") {
+      auto const n = readNumber<int>(value);
+      if (n && *n >= 0) {
+        r.syncErrorThreshold = *n;
+      } else {
+        error(at, k + " is " + describe(value) + "; expected a whole number >= 0");
+      }
+    } else {
+      for (auto const& setting : timeSettings) {
+        if (k == setting.key) return parseSeconds(value, at, setting, r);
+      }
+      unknownKey(keyNode, where, requesterKeys);
+    }
+  });
+  if (!hasMode) {
+    error(key.Mark(), "requester " + quoted(name) + " has no mode; expected mode: periodic or inotify");
+  } else if (modeValid && r.mode == RequesterConfig::inotify) {
+    for (auto const& site : sites) checkWatchable(site);
+  }
+  result_.config.requesters.push_back(std::move(r));
+}
+
+void Parser::parseSeconds(YAML::Node const& value, YAML::Mark const& at, TimeSetting const& setting,
+                          RequesterSettings& r) {
+  std::string const wrong = std::string(setting.key) + " is " + describe(value) + "; expected a ";
+  auto const seconds = readNumber<double>(value);
+  if (!seconds) {
+    error(at, wrong + "number of seconds");
+  } else if (!std::isfinite(*seconds)) {
+    error(at, wrong + "finite number of seconds");
+  } else if (setting.zeroAllowed ? *seconds < 0 : *seconds <= 0) {
+    error(at, wrong + (setting.zeroAllowed ? "number of seconds >= 0" : "number of seconds > 0"));
+  } else {
+    r.*setting.field = *seconds;
+  }
+}
+
+void Parser::parseRemoteHosts(YAML::Node const& hosts, YAML::Mark const& at, RequesterSettings& r) {
+  if (hosts.IsNull()) return;
+  if (!hosts.IsSequence()) {
+    error(at, "remoteHosts is " + describe(hosts) + "; expected a list of host names, like [host1, host2]");
+    return;
+  }
+  std::unordered_map<std::string, int> firstLine;
+  for (auto const& host : hosts) {
+    YAML::Mark const hostAt = host.IsNull() ? at : host.Mark();
+    if (!host.IsScalar()) {
+      error(hostAt, "a remote host is " + describe(host) + "; expected a host name or address");
+      continue;
+    }
+    std::string const& text = host.Scalar();
+    if (auto const problem = hostProblem(text)) {
+      error(hostAt, "remote host " + quoted(text) + " " + *problem + "; expected a host name or address");
+      continue;
+    }
+    auto const [first, isNew] = firstLine.emplace(text, hostAt.line + 1);
+    if (!isNew) {
+      error(hostAt, "remote host " + quoted(text) + " is listed twice (first at line " +
+                        std::to_string(first->second) + "); expected each host once");
+      continue;
+    }
+    r.remoteHosts.push_back(text);
+  }
+}
+
+void Parser::parseFiles(YAML::Node const& files, YAML::Mark const& at, RequesterSettings& r,
+                        std::vector<FileSite>& sites) {
+  if (files.IsNull()) return;
+  if (!files.IsSequence()) {
+    error(at, "files is " + describe(files) + "; expected a list of files, each a mapping with path");
+    return;
+  }
+  std::unordered_map<std::string, int> firstLine;
+  for (auto const& entry : files) {
+    if (!entry.IsMap()) {
+      error(entry.IsNull() ? at : entry.Mark(), "a file is " + describe(entry) +
+                                                    "; expected a mapping with path, and optionally dstPath and "
+                                                    "rsyncOptions");
+      continue;
+    }
+    FileSettings f;
+    f.rsyncOptions = "-a";
+    std::optional<YAML::Mark> pathAt;
+    bool hasDstPath = false;
+    forEachEntry(entry, [&](std::string const& k, YAML::Node const& keyNode, YAML::Node const& value) {
+      YAML::Mark const valueAt = markOf(value, keyNode);
+      if (k == "path") {
+        pathAt = valueAt;
+        if (auto path = parsePath(value, valueAt, k, true)) f.path = std::move(*path);
+      } else if (k == "dstPath") {
+        hasDstPath = true;
+        if (auto path = parsePath(value, valueAt, k, false)) f.dstPath = std::move(*path);
+      } else if (k == "rsyncOptions") {
+        if (auto options = readText(value)) {
+          f.rsyncOptions = std::move(*options);
+        } else {
+          error(valueAt, k + " is " + describe(value) + "; expected the options for rsync as one text, like \"-a\"");
+        }
+      } else {
+        unknownKey(keyNode, " in a file", fileKeys);
+      }
+    });
+    if (!pathAt) {
+      error(entry.Mark(), "a file has no path; expected path: /absolute/file");
+      continue;
+    }
+    if (f.path.empty()) continue;  // already reported
+    if (!hasDstPath) f.dstPath = f.path;
+    auto const [first, isNew] = firstLine.emplace(f.path, pathAt->line + 1);
+    if (!isNew) {
+      error(*pathAt, "file " + quoted(f.path) + " is listed twice in requester " + quoted(r.name) +
+                         " (first at line " + std::to_string(first->second) + "); expected each file once");
+      continue;
+    }
+    sites.push_back({f.path, *pathAt});
+    r.files.push_back(std::move(f));
+  }
+}
+
+// plain: also refuse names that are not the file's one spelling.
+std::optional<std::string> Parser::parsePath(YAML::Node const& value, YAML::Mark const& at, std::string const& key,
+                                             bool plain) {
+  auto text = readText(value);
+  std::string const wrong = key + " is " + describe(value) + "; expected an absolute file path";
+  if (!text || text->empty() || text->front() != '/') {
+    error(at, wrong);
+    return std::nullopt;
+  }
+  if (plain && !isPlainFilePath(*text)) {
+    error(at, wrong + " without empty, \".\" or \"..\" parts");
+    return std::nullopt;
+  }
+  return text;
+}
+
+// The inotify machine watches each file's directory and asserts that it
+// exists, so a file whose directory is missing must not get that far.
+void Parser::checkWatchable(FileSite const& site) {
+  std::string const dir = FileReplication::Utils::dirname(site.path).str();
+  struct stat st;
+  int const failure = stat(dir.c_str(), &st) != 0 ? errno : S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
+  if (failure == 0) return;
+  error(site.mark, "cannot watch the directory " + quoted(dir) + ": " + describeErrno(failure) +
+                       "; expected an existing directory, as the requester is in inotify mode");
+}
+
+// Reads the whole file; 0 or the errno of the failure.
+int readWhole(std::string const& path, std::string& text) {
+  int const fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return errno;
+  int failure = 0;
+  char buffer[65536];
+  for (;;) {
+    ssize_t const n = read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      failure = errno;
+      break;
+    }
+    if (n == 0) break;
+    if (text.size() + static_cast<std::size_t>(n) > maxFileSize) {
+      failure = EFBIG;
+      break;
+    }
+    text.append(buffer, static_cast<std::size_t>(n));
+  }
+  close(fd);
+  return failure;
+}
+
+}  // namespace
+
+ParsedConfig parseConfigText(std::string const& text, std::string const& fileName) {
+  return Parser(fileName).parse(text);
+}
+
+ParsedConfig parseConfigFile(std::string const& path) {
+  std::string text;
+  if (int const failure = readWhole(path, text)) {
+    ParsedConfig unread;
+    unread.errors.push_back(path + ": cannot read: " + describeErrno(failure));
+    return unread;
+  }
+  return parseConfigText(text, path);
+}
+
+}  // namespace Agent

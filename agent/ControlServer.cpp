@@ -1,0 +1,464 @@
+#include "agent/ControlServer.h"
+
+#include <errno.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <sstream>
+#include <stdexcept>
+
+#include "runtime/ActivityManager.h"
+#include "runtime/Clock.h"
+#include "runtime/FileDescriptor.h"
+#include "runtime/Trace.h"
+
+KEL_TRACE_FACILITY("AgentControl")
+
+namespace Agent {
+
+namespace {
+
+constexpr int listenBacklog = 64;
+constexpr std::size_t readChunk = 16 * 1024;
+// Bounds the work one readiness of the listening socket does, so that a
+// burst of clients does not starve the rest of the loop.
+constexpr int acceptsPerTurn = 16;
+// Out of descriptors or memory, accept() fails for as long as the backlog
+// holds clients; accepting pauses this long instead of spinning.
+constexpr double acceptPause = 1;
+// See Connection::replyIs.
+constexpr int replyStallSeconds = 2;
+constexpr double replyTotalSeconds = 10;
+
+struct CommandFields {
+  char const* command;
+  bool needsRequester;
+  bool takesPath;
+};
+constexpr CommandFields commands[] = {
+    {"status", false, false},
+    {"replicate", true, true},
+    {"deleteIfNotExist", true, false},
+};
+
+[[noreturn]] void fail(std::string const& message) { throw std::runtime_error(message); }
+
+std::string errnoText(int error) { return std::strerror(error); }
+
+nlohmann::json errorReply(std::string message) { return {{"ok", false}, {"error", std::move(message)}}; }
+
+std::string secondsText(double seconds) {
+  std::ostringstream text;
+  text << seconds;
+  return text.str();
+}
+
+sockaddr_un socketAddress(std::string const& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) {
+    fail("control socket path too long (" + std::to_string(path.size()) + " bytes, at most " +
+         std::to_string(sizeof address.sun_path - 1) + "): " + path);
+  }
+  std::memcpy(address.sun_path, path.data(), path.size());
+  return address;
+}
+
+sockaddr const* asSockaddr(sockaddr_un const& address) { return reinterpret_cast<sockaddr const*>(&address); }
+
+// The directory is where the socket's protection lies: a socket file's own
+// mode is not honoured everywhere, and whoever can write the directory can
+// put another socket in its place.
+void prepareDirectory(std::string const& directory) {
+  struct stat st {};
+  if (stat(directory.c_str(), &st) != 0) {
+    if (errno != ENOENT) fail("cannot use socket directory " + directory + ": " + errnoText(errno));
+    if (mkdir(directory.c_str(), 0700) == 0) {
+      // The umask may have taken bits the owner needs.
+      if (chmod(directory.c_str(), 0700) != 0) {
+        fail("cannot set mode 0700 on socket directory " + directory + ": " + errnoText(errno));
+      }
+    } else if (errno != EEXIST) {
+      fail("cannot create socket directory " + directory + ": " + errnoText(errno));
+    }
+    if (stat(directory.c_str(), &st) != 0) fail("cannot use socket directory " + directory + ": " + errnoText(errno));
+  }
+  if (!S_ISDIR(st.st_mode)) fail("socket directory " + directory + " is not a directory");
+  if (st.st_uid != geteuid()) {
+    fail("socket directory " + directory + " belongs to uid " + std::to_string(st.st_uid) + ", not to this user (uid " +
+         std::to_string(geteuid()) + ")");
+  }
+  if (st.st_mode & (S_IWGRP | S_IWOTH)) {
+    std::ostringstream mode;
+    mode << std::oct << (st.st_mode & 07777);
+    fail("socket directory " + directory + " is writable by group or others (mode 0" + mode.str() +
+         "); make it 0700");
+  }
+}
+
+// A socket file nobody listens on is what a crashed agent leaves behind; one
+// somebody listens on belongs to a running agent.
+void removeStaleSocket(std::string const& path, sockaddr_un const& address) {
+  struct stat st {};
+  if (lstat(path.c_str(), &st) != 0) {
+    if (errno == ENOENT) return;
+    fail("cannot use control socket path " + path + ": " + errnoText(errno));
+  }
+  if (!S_ISSOCK(st.st_mode)) fail(path + " exists and is not a socket; not removing it");
+  int const probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (probe < 0) fail("cannot create a socket: " + errnoText(errno));
+  // Non-blocking, so a listener with a full backlog answers EAGAIN at once.
+  int const rc = connect(probe, asSockaddr(address), sizeof address);
+  int const error = errno;
+  close(probe);
+  if (rc == 0 || error == EAGAIN) fail("another agent is already listening on " + path);
+  if (error != ECONNREFUSED) {
+    fail("cannot tell whether an agent is listening on " + path + ": " + errnoText(error));
+  }
+  if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+    fail("cannot remove stale control socket " + path + ": " + errnoText(errno));
+  }
+  KEL_TRACE(4, "replaced stale control socket " << path);
+}
+
+std::string requestProblem(nlohmann::json const& request) {
+  if (!request.is_object()) return "request must be a JSON object";
+  auto const command = request.find("command");
+  if (command == request.end()) return "request has no \"command\"";
+  if (!command->is_string()) return "\"command\" must be a string";
+  std::string const& name = command->get_ref<std::string const&>();
+  auto const fields = std::find_if(std::begin(commands), std::end(commands),
+                                   [&](CommandFields const& c) { return name == c.command; });
+  if (fields == std::end(commands)) {
+    return "unknown command \"" + name + "\" (known: status, replicate, deleteIfNotExist)";
+  }
+  for (auto const& [key, value] : request.items()) {
+    if (key == "command") continue;
+    bool const known = (key == "requester" && fields->needsRequester) || (key == "path" && fields->takesPath);
+    if (!known) return "unknown field \"" + key + "\" in a " + name + " request";
+    if (!value.is_string()) return "\"" + key + "\" must be a string";
+    if (value.get_ref<std::string const&>().empty()) return "\"" + key + "\" must not be empty";
+  }
+  if (fields->needsRequester && !request.contains("requester")) return name + " request has no \"requester\"";
+  return {};
+}
+
+}  // namespace
+
+// Reactors.
+
+class ControlServer::Listener : public Kel::FileDescriptor::Notifiee {
+ public:
+  explicit Listener(ControlServer* server) : server_(server) {}
+  void onReadableCount() override {
+    // Nothing may escape into the loop: the agent serves on.
+    try {
+      server_->acceptSome();
+    } catch (std::exception const& e) {
+      KEL_TRACE(2, "control socket: " << e.what());
+    }
+  }
+
+ private:
+  ControlServer* server_;
+};
+
+class ControlServer::AcceptResumer : public Kel::Clock::Notifiee {
+ public:
+  explicit AcceptResumer(ControlServer* server) : server_(server) {}
+  void onTime() override {
+    try {
+      server_->acceptingIs(true);
+    } catch (std::exception const& e) {
+      KEL_TRACE(2, "control socket: cannot accept again: " << e.what());
+    }
+  }
+
+ private:
+  ControlServer* server_;
+};
+
+// One client: reads until the newline, replies and closes. Lives in the
+// server's table until then; callbacks hold a reference to it because
+// closing takes it out of the table.
+class ControlServer::Connection : public Kel::FileDescriptor::Notifiee {
+ public:
+  Connection(ControlServer* server, int descriptor);
+  ~Connection() override { closeDescriptor(); }
+
+  void onReadableCount() override;
+  void onRequestTimeout();
+  // Replies, closes and leaves the server.
+  void finish(nlohmann::json const& reply);
+  // Closes and leaves the server without a word.
+  void drop();
+  void closeDescriptor();
+
+ private:
+  class RequestTimer : public Kel::Clock::Notifiee {
+   public:
+    explicit RequestTimer(Connection* connection) : connection_(connection) {}
+    void onTime() override { connection_->onRequestTimeout(); }
+
+   private:
+    Connection* connection_;
+  };
+
+  void readSome();
+  void replyIs(nlohmann::json const& reply);
+
+  ControlServer* server_;
+  int descriptor_;
+  Kel::Ptr<Kel::FileDescriptor> fileDescriptor_;
+  std::string request_;
+  RequestTimer requestTimer_{this};
+};
+
+ControlServer::Connection::Connection(ControlServer* server, int descriptor)
+    : server_(server), descriptor_(descriptor) {
+  fileDescriptor_ = Kel::FileDescriptor::FileDescriptorIs("AgentControlConnection");
+  fileDescriptor_->descriptorIs(descriptor);
+  fileDescriptor_->nonBlockingIs(true);
+  fileDescriptor_->notifyOnReadableIs(true);
+  notifierIs(fileDescriptor_);
+  requestTimer_.notifierIs(Kel::activityManager()->clock());
+  requestTimer_.timeMinIs(Kel::now() + server->requestTimeout());
+}
+
+void ControlServer::Connection::onReadableCount() {
+  Kel::Ptr<Connection> const keep(this);
+  // Nothing may escape into the loop: the agent serves on.
+  try {
+    readSome();
+  } catch (std::exception const& e) {
+    KEL_TRACE(2, "control connection failed: " << e.what());
+    drop();
+  } catch (...) {
+    drop();
+  }
+}
+
+void ControlServer::Connection::readSome() {
+  std::size_t const old = request_.size();
+  // Never more than one byte past the limit, which tells an oversized request.
+  std::size_t const room = std::min(readChunk, maxRequestBytes + 1 - old);
+  request_.resize(old + room);
+  ssize_t const n = recv(descriptor_, request_.data() + old, room, 0);
+  if (n < 0) {
+    request_.resize(old);
+    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return;
+    KEL_TRACE(4, "control connection read failed: " << errnoText(errno));
+    drop();
+    return;
+  }
+  request_.resize(old + static_cast<std::size_t>(n));
+  if (n == 0) {
+    // A client that connects and goes, as an agent checking for another does,
+    // gets no reply.
+    if (old == 0) {
+      drop();
+    } else {
+      finish(errorReply("request ended without a newline"));
+    }
+    return;
+  }
+  std::size_t const newline = request_.find('\n', old);
+  if (newline != std::string::npos && newline <= maxRequestBytes) {
+    finish(server_->replyTo(std::string_view(request_.data(), newline)));
+  } else if (request_.size() > maxRequestBytes) {
+    finish(errorReply("request longer than " + std::to_string(maxRequestBytes) + " bytes"));
+  }
+}
+
+void ControlServer::Connection::onRequestTimeout() {
+  Kel::Ptr<Connection> const keep(this);
+  try {
+    finish(errorReply("no request within " + secondsText(server_->requestTimeout()) + " s"));
+  } catch (...) {
+    drop();
+  }
+}
+
+void ControlServer::Connection::finish(nlohmann::json const& reply) {
+  replyIs(reply);
+  drop();
+}
+
+void ControlServer::Connection::replyIs(nlohmann::json const& reply) {
+  // Paths need not be UTF-8; a reply must still go out.
+  std::string text = reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  text += '\n';
+  // A status of thousands of files outgrows the socket buffer. The reader is
+  // the agent's own CLI, which reads at once, so the write blocks the loop
+  // rather than keeping a queue of its own; a client that stalls for
+  // replyStallSeconds, or takes longer than replyTotalSeconds in all, loses
+  // its reply.
+  fileDescriptor_->nonBlockingIs(false);
+  timeval const stall{replyStallSeconds, 0};
+  if (setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &stall, sizeof stall) != 0) {
+    KEL_TRACE(4, "control reply not sent: SO_SNDTIMEO: " << errnoText(errno));
+    return;
+  }
+  auto const deadline =
+      std::chrono::steady_clock::now() + std::chrono::duration<double>(replyTotalSeconds);
+  std::size_t sent = 0;
+  while (sent < text.size()) {
+    ssize_t const n = send(descriptor_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      KEL_TRACE(4, "control reply not sent: " << errnoText(errno));
+      return;
+    }
+    sent += static_cast<std::size_t>(n);
+    if (sent < text.size() && std::chrono::steady_clock::now() > deadline) {
+      KEL_TRACE(4, "control reply not sent: the client reads too slowly");
+      return;
+    }
+  }
+}
+
+void ControlServer::Connection::drop() {
+  closeDescriptor();
+  server_->connectionDel(this);
+}
+
+void ControlServer::Connection::closeDescriptor() {
+  if (descriptor_ < 0) return;
+  requestTimer_.notifierIs(nullptr);
+  notifierIs(nullptr);
+  // The loop must forget the number before the kernel can hand it out again.
+  fileDescriptor_->descriptorIs(-1);
+  close(descriptor_);
+  descriptor_ = -1;
+}
+
+// ControlServer.
+
+ControlServer::ControlServer(std::string socketPath, Handler handler, double requestTimeout)
+    : socketPath_(std::move(socketPath)), handler_(std::move(handler)), requestTimeout_(requestTimeout) {
+  if (socketPath_.empty()) fail("the control socket path is empty");
+  if (!handler_) fail("the control server needs a handler");
+  if (!(requestTimeout_ > 0)) fail("the control request timeout must be positive");
+  sockaddr_un const address = socketAddress(socketPath_);
+  std::string directory = std::filesystem::path(socketPath_).parent_path().string();
+  prepareDirectory(directory.empty() ? "." : directory);
+  removeStaleSocket(socketPath_, address);
+
+  listenDescriptor_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (listenDescriptor_ < 0) fail("cannot create the control socket: " + errnoText(errno));
+  bool bound = false;
+  try {
+    // Connecting needs write permission on the socket file, so it is created
+    // 0600: umask is the only control over the mode bind gives it.
+    mode_t const oldMask = umask(0177);
+    int const rc = bind(listenDescriptor_, asSockaddr(address), sizeof address);
+    int const error = errno;
+    umask(oldMask);
+    if (rc != 0) fail("cannot bind the control socket " + socketPath_ + ": " + errnoText(error));
+    bound = true;
+    struct stat st {};
+    if (stat(socketPath_.c_str(), &st) != 0) fail("cannot stat " + socketPath_ + ": " + errnoText(errno));
+    socketDevice_ = st.st_dev;
+    socketInode_ = st.st_ino;
+    if (listen(listenDescriptor_, listenBacklog) != 0) {
+      fail("cannot listen on " + socketPath_ + ": " + errnoText(errno));
+    }
+    listenFileDescriptor_ = Kel::FileDescriptor::FileDescriptorIs("AgentControlListener");
+    listenFileDescriptor_->descriptorIs(listenDescriptor_);
+    listenFileDescriptor_->nonBlockingIs(true);
+    listener_ = new Listener(this);
+    listener_->notifierIs(listenFileDescriptor_);
+    acceptResumer_ = new AcceptResumer(this);
+    acceptResumer_->notifierIs(Kel::activityManager()->clock());
+    acceptingIs(true);
+  } catch (...) {
+    if (listenFileDescriptor_) listenFileDescriptor_->descriptorIs(-1);
+    close(listenDescriptor_);
+    if (bound) unlink(socketPath_.c_str());
+    throw;
+  }
+}
+
+ControlServer::~ControlServer() {
+  for (auto& entry : connections_) entry.second->closeDescriptor();
+  connections_.clear();
+  acceptResumer_->notifierIs(nullptr);
+  listener_->notifierIs(nullptr);
+  listenFileDescriptor_->descriptorIs(-1);
+  close(listenDescriptor_);
+  struct stat st {};
+  if (stat(socketPath_.c_str(), &st) == 0 && st.st_dev == socketDevice_ && st.st_ino == socketInode_) {
+    unlink(socketPath_.c_str());
+  }
+}
+
+void ControlServer::acceptingIs(bool v) {
+  listenFileDescriptor_->notifyOnReadableIs(v);
+  acceptResumer_->timeMinIs(v ? Kel::Clock::never : Kel::now() + acceptPause);
+}
+
+void ControlServer::acceptSome() {
+  for (int i = 0; i < acceptsPerTurn; ++i) {
+    int const descriptor = accept4(listenDescriptor_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (descriptor < 0) {
+      int const error = errno;
+      if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
+        KEL_TRACE(2, "control socket: accept: " << errnoText(error) << "; pausing");
+        acceptingIs(false);
+      }
+      // EAGAIN and a client gone before accept: the next readiness brings
+      // the next client.
+      return;
+    }
+    // The socket's mode already keeps others out where it is honoured; the
+    // peer's uid keeps them out everywhere.
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 ||
+        (peer.uid != geteuid() && peer.uid != 0)) {
+      KEL_TRACE(2, "control socket: refused a client of uid " << peer.uid);
+      close(descriptor);
+      continue;
+    }
+    Kel::Ptr<Connection> connection;
+    try {
+      connection = new Connection(this, descriptor);
+    } catch (std::exception const& e) {
+      // The half-made connection let go of the descriptor on its way out.
+      KEL_TRACE(2, "control socket: cannot serve a client: " << e.what());
+      close(descriptor);
+      continue;
+    }
+    connections_.emplace(connection.ptr(), connection);
+    ++connectionsAccepted_;
+  }
+}
+
+nlohmann::json ControlServer::replyTo(std::string_view line) const {
+  nlohmann::json const request = nlohmann::json::parse(line, nullptr, false);
+  if (request.is_discarded()) return errorReply("request is not valid JSON");
+  std::string const problem = requestProblem(request);
+  if (!problem.empty()) return errorReply(problem);
+  nlohmann::json reply;
+  try {
+    reply = handler_(request);
+  } catch (std::exception const& e) {
+    return errorReply(e.what());
+  } catch (...) {
+    return errorReply("internal error");
+  }
+  if (reply.is_null()) reply = nlohmann::json::object();
+  if (!reply.is_object()) return errorReply("internal error: the reply is not an object");
+  if (!reply.contains("ok")) reply["ok"] = true;
+  return reply;
+}
+
+void ControlServer::connectionDel(Connection* connection) { connections_.erase(connection); }
+
+}  // namespace Agent

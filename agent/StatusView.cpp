@@ -1,0 +1,170 @@
+#include "agent/StatusView.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <stdexcept>
+#include <string_view>
+#include <vector>
+
+namespace Agent {
+
+namespace {
+
+constexpr std::size_t columns = 5;
+using Row = std::array<std::string, columns>;
+Row const titles = {"PATH", "STATUS", "STATE", "LAST SYNCHRONIZED", "AGE"};
+// Up to the year 9999, which keeps the date's width fixed.
+constexpr double latestTime = 253402300800.0;
+
+std::string escaped(std::string_view text) {
+  static char const hex[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    auto const c = static_cast<unsigned char>(text[i]);
+    if (c == '\\') {
+      out += "\\\\";
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else if (c == '\r') {
+      out += "\\r";
+    } else if (c < 0x20 || c == 0x7f) {
+      out += "\\x";
+      out += hex[c >> 4];
+      out += hex[c & 0xf];
+    } else if (c == 0xc2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
+               static_cast<unsigned char>(text[i + 1]) <= 0x9f) {
+      // C1 controls (U+0080 to U+009F) drive terminals as C0 ones do.
+      auto const next = static_cast<unsigned char>(text[++i]);
+      out += "\\u00";
+      out += hex[next >> 4];
+      out += hex[next & 0xf];
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
+
+// Characters, not bytes, so that UTF-8 names line up.
+std::size_t displayWidth(std::string_view text) {
+  return static_cast<std::size_t>(
+      std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; }));
+}
+
+std::string localTime(double t) {
+  auto const seconds = static_cast<time_t>(std::floor(t));
+  tm local{};
+  char text[32];
+  if (!localtime_r(&seconds, &local) || strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local) == 0) {
+    return "invalid time";
+  }
+  return text;
+}
+
+std::string age(double seconds) {
+  if (!(seconds >= 0)) return "in the future";
+  auto const s = static_cast<std::int64_t>(seconds);
+  if (s < 60) return std::to_string(s) + "s ago";
+  if (s < 3600) return std::to_string(s / 60) + "m ago";
+  if (s < 86400) return std::to_string(s / 3600) + "h ago";
+  return std::to_string(s / 86400) + "d ago";
+}
+
+[[noreturn]] void malformed(std::string const& where, char const* key, char const* expected) {
+  throw std::runtime_error("malformed status: " + where + " needs \"" + key + "\" as " + expected);
+}
+
+// Null when missing; find() on a non-object finds nothing.
+nlohmann::json const& field(nlohmann::json const& object, char const* key) {
+  static nlohmann::json const missing;
+  auto const it = object.find(key);
+  return it == object.end() ? missing : *it;
+}
+
+Row fileRow(std::string const& path, nlohmann::json const& file, std::string const& where, double now) {
+  if (!file.is_object()) malformed(where, "files", "an object of objects");
+  nlohmann::json const& status = field(file, "status");
+  nlohmann::json const& state = field(file, "state");
+  nlohmann::json const& last = field(file, "lastSynchronized");
+  if (!status.is_string() && !status.is_null()) malformed(where, "status", "a string or null");
+  if (!state.is_string()) malformed(where, "state", "a string");
+  if (!last.is_number() && !last.is_null()) malformed(where, "lastSynchronized", "a number or null");
+  Row row{escaped(path), status.is_null() ? "-" : escaped(status.get_ref<std::string const&>()),
+          escaped(state.get_ref<std::string const&>()), "never", ""};
+  if (last.is_number()) {
+    double const t = last.get<double>();
+    if (t >= 0 && t < latestTime) {
+      row[3] = localTime(t);
+      row[4] = age(now - t);
+    } else {
+      row[3] = "invalid time";
+    }
+  }
+  return row;
+}
+
+void appendRow(std::string& out, Row const& row, std::array<std::size_t, columns> const& widths) {
+  out += "  ";
+  for (std::size_t i = 0; i < columns; ++i) {
+    out += row[i];
+    if (i + 1 < columns) out.append(widths[i] + 2 - displayWidth(row[i]), ' ');
+  }
+  // Empty trailing cells leave padding behind.
+  out.erase(out.find_last_not_of(' ') + 1);
+  out += '\n';
+}
+
+}  // namespace
+
+std::string statusTable(nlohmann::json const& status, double now) {
+  nlohmann::json const& requesters = field(status, "requesters");
+  if (!requesters.is_object()) malformed("the reply", "requesters", "an object");
+  if (requesters.empty()) return "no requesters\n";
+
+  // A header line per requester, then its rows; all rows first, so that
+  // column widths span the whole table. nlohmann::json keeps object members
+  // sorted by key, which gives the order.
+  std::vector<std::pair<std::string, std::vector<Row>>> blocks;
+  std::array<std::size_t, columns> widths{};
+  for (std::size_t i = 0; i < columns; ++i) widths[i] = displayWidth(titles[i]);
+  for (auto const& [name, requester] : requesters.items()) {
+    std::string const where = "requester \"" + escaped(name) + "\"";
+    if (!requester.is_object()) malformed("the reply", "requesters", "an object of objects");
+    nlohmann::json const& mode = field(requester, "mode");
+    nlohmann::json const& enabled = field(requester, "enabled");
+    nlohmann::json const& files = field(requester, "files");
+    if (!mode.is_string()) malformed(where, "mode", "a string");
+    if (!enabled.is_boolean()) malformed(where, "enabled", "a boolean");
+    if (!files.is_object()) malformed(where, "files", "an object");
+    std::string header = escaped(name) + ": " + escaped(mode.get_ref<std::string const&>()) + ", " +
+                         (enabled.get<bool>() ? "enabled" : "disabled") + ", " + std::to_string(files.size()) +
+                         (files.size() == 1 ? " file" : " files");
+    std::vector<Row> rows;
+    rows.reserve(files.size());
+    for (auto const& [path, file] : files.items()) {
+      rows.push_back(fileRow(path, file, where + " file \"" + escaped(path) + "\"", now));
+      for (std::size_t i = 0; i < columns; ++i) widths[i] = std::max(widths[i], displayWidth(rows.back()[i]));
+    }
+    blocks.emplace_back(std::move(header), std::move(rows));
+  }
+
+  std::string out;
+  for (auto const& [header, rows] : blocks) {
+    if (!out.empty()) out += '\n';
+    out += header;
+    out += '\n';
+    if (rows.empty()) continue;
+    appendRow(out, titles, widths);
+    for (Row const& row : rows) appendRow(out, row, widths);
+  }
+  return out;
+}
+
+}  // namespace Agent

@@ -1,0 +1,158 @@
+// filerep: the agent that keeps files replicated, and its command line.
+#include <CLI/CLI.hpp>
+
+#include <ctime>
+#include <iostream>
+
+#include "agent/Agent.h"
+#include "agent/ConfigFile.h"
+#include "agent/ControlClient.h"
+#include "agent/SocketPath.h"
+#include "agent/StatusView.h"
+#include "runtime/Morlix.h"
+
+namespace {
+
+constexpr char const* description = R"(NAME
+    filerep - keep files replicated to remote hosts
+
+SYNOPSIS
+    filerep run --config FILE [--socket PATH] [--trace-file PATH]
+    filerep check --config FILE
+    filerep status [--json] [--socket PATH]
+    filerep replicate REQUESTER [PATH] [--socket PATH]
+    filerep delete-if-not-exist REQUESTER [--socket PATH]
+    filerep trace [--file PATH]
+
+DESCRIPTION
+    For every requester of its configuration file, filerep replicates each
+    file on a fixed period or whenever the file changes on disk, by running
+    Replicate (rsync, over ssh for remote hosts). `run` is the agent; the
+    other commands check a configuration or talk to the running agent over
+    its control socket.)";
+
+constexpr char const* footer = R"(
+FILES
+    /run/filerep/filerep.sock (root) or $XDG_RUNTIME_DIR/filerep.sock
+        The control socket, mode 0600 in a directory of mode 0700.
+
+SIGNALS
+    SIGHUP reloads the configuration file (it is also reloaded when it
+    changes on disk); SIGTERM and SIGINT stop the agent in order.
+
+ENVIRONMENT
+    KEL_TRACE      trace to stderr, e.g. "FileReplicationSm/6,*/1"
+    MORLIX_FILE    also record every trace statement in this ring buffer
+    RSYNC_RSH      the ssh command Replicate uses for remote hosts
+
+EXIT STATUS
+    0 on success, 1 on an error (invalid configuration, no agent running,
+    unknown requester or file), 2 on a malformed command line.)";
+
+int fail(std::string const& message) {
+  std::cerr << "filerep: " << message << std::endl;
+  return 1;
+}
+
+int runAgent(std::string const& config, std::string const& socket, std::string const& traceFile) {
+  try {
+    Agent::Agent agent({config, socket, traceFile});
+    agent.run();
+  } catch (std::exception const& e) {
+    return fail(e.what());
+  }
+  return 0;
+}
+
+int check(std::string const& config) {
+  Agent::ParsedConfig parsed = Agent::parseConfigFile(config);
+  for (auto const& e : parsed.errors) std::cerr << e << std::endl;
+  if (!parsed.ok()) return 1;
+  std::cout << config << ": valid, " << parsed.config.requesters.size() << " requesters" << std::endl;
+  return 0;
+}
+
+int ask(std::string const& socket, nlohmann::json const& request, bool json) {
+  try {
+    nlohmann::json reply = Agent::request(socket, request);
+    if (!reply.value("ok", false)) return fail(reply.value("error", std::string("the agent refused the request")));
+    if (request["command"] == "status") {
+      reply.erase("ok");
+      if (json) {
+        std::cout << reply.dump(2) << std::endl;
+      } else {
+        std::cout << Agent::statusTable(reply, double(std::time(nullptr)));
+      }
+    } else if (reply.contains("note")) {
+      std::cerr << "filerep: " << reply["note"].get<std::string>() << std::endl;
+    }
+  } catch (std::exception const& e) {
+    return fail(e.what());
+  }
+  return 0;
+}
+
+int trace(std::string const& file) {
+  if (file.empty()) return fail("no trace file: give --file or set MORLIX_FILE");
+  try {
+    for (auto const& record : Morlix::read(file).records) std::cout << Morlix::line(record) << '\n';
+  } catch (std::exception const& e) {
+    return fail(e.what());
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app(description, "filerep");
+  app.footer(footer);
+  app.require_subcommand(1);
+
+  std::string config, socket = Agent::defaultSocketPath(), traceFile, requester, path;
+  char const* morlix = getenv("MORLIX_FILE");
+  std::string traceRead = morlix ? morlix : "";
+  bool json = false;
+
+  auto* run = app.add_subcommand("run", "Run the agent in the foreground until SIGTERM or SIGINT.");
+  run->add_option("--config", config, "The configuration file (YAML)")->required();
+  run->add_option("--socket", socket, "The control socket")->capture_default_str();
+  run->add_option("--trace-file", traceFile, "Record every trace statement in this ring buffer");
+
+  auto* checkCommand = app.add_subcommand("check", "Check a configuration file: print every error, exit 1 if any.");
+  checkCommand->add_option("--config", config, "The configuration file (YAML)")->required();
+
+  auto* status = app.add_subcommand("status", "Show the status of every requester and file.");
+  status->add_flag("--json", json, "Print JSON");
+  status->add_option("--socket", socket, "The control socket")->capture_default_str();
+
+  auto* replicate = app.add_subcommand("replicate", "Replicate one file of a requester now, or all of them.");
+  replicate->add_option("REQUESTER", requester, "The requester")->required();
+  replicate->add_option("PATH", path, "The file (all files when left out)");
+  replicate->add_option("--socket", socket, "The control socket")->capture_default_str();
+
+  auto* deleteCommand = app.add_subcommand(
+      "delete-if-not-exist", "Delete on the remote hosts the files of a disabled requester whose source is gone.");
+  deleteCommand->add_option("REQUESTER", requester, "The requester")->required();
+  deleteCommand->add_option("--socket", socket, "The control socket")->capture_default_str();
+
+  auto* traceCommand = app.add_subcommand("trace", "Print the trace ring buffer, oldest record first.");
+  traceCommand->add_option("--file", traceRead, "The ring buffer file (default: $MORLIX_FILE)");
+
+  try {
+    app.parse(argc, argv);
+  } catch (CLI::ParseError const& e) {
+    return app.exit(e) == 0 ? 0 : 2;
+  }
+
+  if (*run) return runAgent(config, socket, traceFile);
+  if (*checkCommand) return check(config);
+  if (*status) return ask(socket, {{"command", "status"}}, json);
+  if (*replicate) {
+    nlohmann::json request = {{"command", "replicate"}, {"requester", requester}};
+    if (!path.empty()) request["path"] = path;
+    return ask(socket, request, false);
+  }
+  if (*deleteCommand) return ask(socket, {{"command", "deleteIfNotExist"}, {"requester", requester}}, false);
+  return trace(traceRead);
+}

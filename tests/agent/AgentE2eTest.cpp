@@ -1,0 +1,142 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "tests/agent/AgentProcess.h"
+
+namespace Agent {
+namespace {
+
+std::string configFor(TempDir const& d, std::vector<std::string> const& files, bool enabled = true) {
+  std::string text = "requesters:\n  web:\n    mode: inotify\n    enabled: ";
+  text += enabled ? "true" : "false";
+  text += "\n    retryInterval: 1\n    files:\n";
+  for (auto const& f : files) {
+    text += "      - path: " + (d / "src/" + f) + "\n        dstPath: " + (d / "dst/" + f) + "\n";
+  }
+  return text;
+}
+
+std::string stateOf(AgentProcess& agent, TempDir const& d, std::string const& file) {
+  auto fs = fileStatus(agent.status(), "web", d / "src/" + file);
+  return fs.is_null() ? "absent" : fs["state"].get<std::string>();
+}
+
+// One agent through a day of an operator's life: the initial sync, edits,
+// a deletion, reloads good and bad, disabling, and an orderly stop.
+TEST(AgentE2e, ReplicatesEditsDeletionsAndReloads) {
+  TempDir d;
+  std::filesystem::create_directories(d / "src");
+  writeFile(d / "src/a.txt", "a1");
+  writeFile(d / "src/b.txt", "b1");
+  writeFile(d / "filerep.yaml", configFor(d, {"a.txt", "b.txt"}));
+  AgentProcess agent(d / "filerep.yaml", d / "filerep.sock");
+  ASSERT_TRUE(agent.ready()) << agent.log();
+
+  ASSERT_TRUE(eventually([&] { return readFile(d / "dst/a.txt") == "a1" && readFile(d / "dst/b.txt") == "b1"; }))
+      << agent.log();
+  auto status = agent.status();
+  EXPECT_EQ("inotify", status["requesters"]["web"]["mode"]);
+  EXPECT_TRUE(eventually([&] {
+    auto fs = fileStatus(agent.status(), "web", d / "src/a.txt");
+    return fs["status"] == "synchronized" && fs["state"] == "standby" && fs["lastSynchronized"].is_number();
+  }));
+
+  writeFile(d / "src/a.txt", "a2");  // an edit in place, same size
+  EXPECT_TRUE(eventually([&] { return readFile(d / "dst/a.txt") == "a2"; }));
+  replaceFile(d / "src/b.txt", "b2");  // an editor's save by rename
+  EXPECT_TRUE(eventually([&] { return readFile(d / "dst/b.txt") == "b2"; }));
+  std::filesystem::remove(d / "src/b.txt");
+  EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(d / "dst/b.txt"); }));
+
+  // A reload that adds c and drops b, picked up from the file changing.
+  writeFile(d / "src/c.txt", "c1");
+  replaceFile(d / "filerep.yaml", configFor(d, {"a.txt", "c.txt"}));
+  EXPECT_TRUE(eventually([&] { return readFile(d / "dst/c.txt") == "c1"; })) << agent.log();
+  EXPECT_TRUE(eventually([&] { return stateOf(agent, d, "b.txt") == "absent"; }));
+
+  // An invalid file changes nothing; the agent says why and runs on.
+  replaceFile(d / "filerep.yaml", "requesters:\n  web:\n    mode: sideways\n");
+  EXPECT_TRUE(eventually([&] { return agent.log().find("mode") != std::string::npos &&
+                                      agent.log().find("not valid") != std::string::npos; }));
+  EXPECT_EQ("standby", stateOf(agent, d, "c.txt"));
+
+  // Disabled through SIGHUP: edits are no longer copied; enabled again,
+  // the file is copied at once.
+  writeFile(d / "filerep.yaml.new", configFor(d, {"a.txt", "c.txt"}, false));
+  std::filesystem::rename(d / "filerep.yaml.new", d / "filerep.yaml");
+  kill(agent.pid(), SIGHUP);
+  EXPECT_TRUE(eventually([&] { return stateOf(agent, d, "a.txt") == "disabled"; }));
+  writeFile(d / "src/a.txt", "a3");
+  EXPECT_EQ("disabled", stateOf(agent, d, "a.txt"));
+  replaceFile(d / "filerep.yaml", configFor(d, {"a.txt", "c.txt"}));
+  EXPECT_TRUE(eventually([&] { return readFile(d / "dst/a.txt") == "a3"; }));
+
+  EXPECT_EQ(0, agent.stop(SIGTERM)) << agent.log();
+  EXPECT_FALSE(std::filesystem::exists(d / "filerep.sock")) << "the socket goes with the agent";
+}
+
+// A Replicate that hangs is killed by SIGTERM's orderly shutdown; nothing
+// is left running.
+TEST(AgentE2e, StopKillsRunningChildrenAndExitsZero) {
+  TempDir d;
+  std::filesystem::create_directories(d / "bin");
+  std::filesystem::create_directories(d / "src");
+  writeFile(d / "bin/Replicate", "#!/bin/sh\necho $$ > " + (d / "child.pid") + "\nexec sleep 300\n");
+  chmod((d / "bin/Replicate").c_str(), 0755);
+  writeFile(d / "src/a.txt", "a");
+  writeFile(d / "filerep.yaml", configFor(d, {"a.txt"}));
+  AgentProcess agent(d / "filerep.yaml", d / "filerep.sock",
+                     {"PATH=" + d.path() + "/bin:" + std::string(getenv("PATH"))});
+  ASSERT_TRUE(agent.ready()) << agent.log();
+  ASSERT_TRUE(eventually([&] { return !readFile(d / "child.pid").empty(); })) << agent.log();
+  pid_t const child = std::stoi(readFile(d / "child.pid"));
+  EXPECT_EQ("replicating", stateOf(agent, d, "a.txt"));
+  EXPECT_EQ(0, agent.stop(SIGTERM)) << agent.log();
+  EXPECT_NE(0, kill(child, 0)) << "the hung Replicate was killed and reaped";
+}
+
+TEST(AgentE2e, CommandLineErrorsAreClearAndExitNonZero) {
+  TempDir d;
+  writeFile(d / "bad.yaml", "requesters:\n  web:\n    mode: periodic\n    period: -1\n    files:\n      - path: rel\n");
+  auto check = runCommand({FILEREP_PROGRAM, "check", "--config", d / "bad.yaml"});
+  EXPECT_EQ(1, check.status);
+  EXPECT_NE(std::string::npos, check.err.find(d / "bad.yaml" + ":4:")) << check.err;
+  EXPECT_NE(std::string::npos, check.err.find(d / "bad.yaml" + ":6:")) << check.err;
+
+  auto noAgent = runCommand({FILEREP_PROGRAM, "status", "--socket", d / "none.sock"});
+  EXPECT_EQ(1, noAgent.status);
+  EXPECT_NE(std::string::npos, noAgent.err.find("no agent")) << noAgent.err;
+
+  auto usage = runCommand({FILEREP_PROGRAM, "replicate"});
+  EXPECT_EQ(2, usage.status);
+  EXPECT_EQ(0, runCommand({FILEREP_PROGRAM, "--help"}).status);
+
+  std::filesystem::create_directories(d / "src");
+  writeFile(d / "src/a.txt", "a");
+  writeFile(d / "good.yaml", configFor(d, {"a.txt"}));
+  EXPECT_EQ(0, runCommand({FILEREP_PROGRAM, "check", "--config", d / "good.yaml"}).status);
+  AgentProcess agent(d / "good.yaml", d / "filerep.sock");
+  ASSERT_TRUE(agent.ready()) << agent.log();
+  auto unknown = runCommand({FILEREP_PROGRAM, "replicate", "nobody", "--socket", d / "filerep.sock"});
+  EXPECT_EQ(1, unknown.status);
+  EXPECT_NE(std::string::npos, unknown.err.find("no requester named \"nobody\"")) << unknown.err;
+  auto noFile = runCommand({FILEREP_PROGRAM, "replicate", "web", d / "src/zzz", "--socket", d / "filerep.sock"});
+  EXPECT_EQ(1, noFile.status);
+  EXPECT_EQ(0, runCommand({FILEREP_PROGRAM, "replicate", "web", "--socket", d / "filerep.sock"}).status);
+  EXPECT_EQ(0, runCommand({FILEREP_PROGRAM, "replicate", "web", d / "src/a.txt", "--socket", d / "filerep.sock"})
+                   .status);
+  auto table = runCommand({FILEREP_PROGRAM, "status", "--socket", d / "filerep.sock"});
+  EXPECT_EQ(0, table.status);
+  EXPECT_NE(std::string::npos, table.out.find(d / "src/a.txt")) << table.out;
+
+  AgentProcess second(d / "good.yaml", d / "filerep.sock");
+  EXPECT_EQ(1, second.exited()) << "a second agent on the same socket refuses to start";
+  EXPECT_NE(std::string::npos, second.log().find("another agent")) << second.log();
+  EXPECT_FALSE(agent.status().is_null()) << "and the first one runs on";
+}
+
+}  // namespace
+}  // namespace Agent

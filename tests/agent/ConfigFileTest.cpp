@@ -1,0 +1,241 @@
+#include "agent/ConfigFile.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace Agent {
+namespace {
+
+using FileReplication::RequesterConfig;
+using Lines = std::vector<std::string>;
+
+TEST(ConfigFileTest, ParsesAFullFileAndFillsTheDefaults) {
+  auto const parsed = parseConfigText(R"(# the agent's settings
+maxConcurrentReplications: 4
+requesters:
+  web:
+    mode: periodic
+    remoteHosts: [backup-1.example.com, "rep@[fe80::1%eth0]"]
+    period: 0
+    replicationTimeout: 2.5
+    retryInterval: 0
+    syncErrorThreshold: 0
+    remoteHostReplicationDelay: 0.5
+    files:
+      - path: /srv/www/index.html
+      - path: /srv/www/app.js
+        dstPath: /backup/app.js
+        rsyncOptions: "-az --partial"
+  db.main_1:
+    mode: periodic
+    enabled: false
+    remoteHosts:
+    files:
+)",
+                                     "agent.yaml");
+  ASSERT_TRUE(parsed.ok()) << parsed.errors.front();
+
+  AgentConfig expected;
+  expected.maxConcurrentReplications = 4;
+  RequesterSettings web;
+  web.name = "web";
+  web.mode = RequesterConfig::periodic;
+  web.remoteHosts = {"backup-1.example.com", "rep@[fe80::1%eth0]"};
+  web.period = 0;
+  web.replicationTimeout = 2.5;
+  web.retryInterval = 0;
+  web.syncErrorThreshold = 0;
+  web.remoteHostReplicationDelay = 0.5;
+  web.files = {{"/srv/www/index.html", "/srv/www/index.html", "-a"},
+               {"/srv/www/app.js", "/backup/app.js", "-az --partial"}};
+  RequesterSettings db;
+  db.name = "db.main_1";
+  db.enabled = false;
+  expected.requesters = {web, db};
+  EXPECT_EQ(expected, parsed.config);
+
+  // Nothing but the section, or nothing under it: no requesters, default limit.
+  for (char const* text : {"requesters:\n", "requesters: {}\n", "maxConcurrentReplications: 0\n"}) {
+    auto const minimal = parseConfigText(text, "min.yaml");
+    ASSERT_TRUE(minimal.ok()) << text;
+    EXPECT_TRUE(minimal.config.requesters.empty());
+  }
+  EXPECT_EQ(0u, parseConfigText("maxConcurrentReplications: 0\n", "f").config.maxConcurrentReplications);
+  EXPECT_EQ(16u, parseConfigText("requesters:\n", "f").config.maxConcurrentReplications);
+}
+
+TEST(ConfigFileTest, ReportsEveryMistakeWithItsPosition) {
+  auto const parsed = parseConfigText(R"(maxConcurrentReplications: -1
+colour: blue
+requesters:
+  web:
+    mode: poll
+    enabled: maybe
+    period: abc
+    replicationTimeout: 0
+    retryInterval: -1
+    syncErrorThreshold: 1.5
+    remoteHostReplicationDelay: inf
+    remoteHosts: [good, -oProxyCommand=x, "a b", "x,y", h$(id), "", good]
+    perod: 5
+    files:
+      - path: relative/file
+      - path: /srv/a
+        dstPath: dst
+        rsync: -a
+      - dstPath: /x
+      - path: /srv/a
+      - path: /srv/./b
+      - /srv/c
+  bad name:
+    mode: periodic
+    period: 1
+    period: 2
+  empty:
+  nomode:
+    enabled: true
+  timing:
+    mode: periodic
+    period: -0.5
+    retryInterval: nan
+    syncErrorThreshold: -1
+    remoteHosts: one,two
+    files: /srv/file
+)",
+                                     "bad.yaml");
+  EXPECT_EQ((Lines{
+                "bad.yaml:1:28: maxConcurrentReplications is \"-1\"; expected a whole number >= 0 (0 for no limit)",
+                "bad.yaml:2:1: unknown key \"colour\"; expected one of maxConcurrentReplications, requesters",
+                "bad.yaml:5:11: mode is \"poll\"; expected periodic or inotify",
+                "bad.yaml:6:14: enabled is \"maybe\"; expected true or false",
+                "bad.yaml:7:13: period is \"abc\"; expected a number of seconds",
+                "bad.yaml:8:25: replicationTimeout is \"0\"; expected a number of seconds > 0",
+                "bad.yaml:9:20: retryInterval is \"-1\"; expected a number of seconds >= 0",
+                "bad.yaml:10:25: syncErrorThreshold is \"1.5\"; expected a whole number >= 0",
+                "bad.yaml:11:33: remoteHostReplicationDelay is \"inf\"; expected a finite number of seconds",
+                "bad.yaml:12:25: remote host \"-oProxyCommand=x\" starts with '-', which ssh and rsync would take for "
+                "an option; expected a host name or address",
+                "bad.yaml:12:43: remote host \"a b\" contains whitespace or a control character; expected a host name "
+                "or address",
+                "bad.yaml:12:50: remote host \"x,y\" contains ',', which separates hosts; expected a host name or "
+                "address",
+                "bad.yaml:12:57: remote host \"h$(id)\" contains the shell metacharacter '$'; expected a host name or "
+                "address",
+                "bad.yaml:12:65: remote host \"\" is empty; expected a host name or address",
+                "bad.yaml:12:69: remote host \"good\" is listed twice (first at line 12); expected each host once",
+                "bad.yaml:13:5: unknown key \"perod\" in requester \"web\"; expected one of mode, enabled, "
+                "remoteHosts, period, replicationTimeout, retryInterval, syncErrorThreshold, "
+                "remoteHostReplicationDelay, files",
+                "bad.yaml:15:15: path is \"relative/file\"; expected an absolute file path",
+                "bad.yaml:17:18: dstPath is \"dst\"; expected an absolute file path",
+                "bad.yaml:18:9: unknown key \"rsync\" in a file; expected one of path, dstPath, rsyncOptions",
+                "bad.yaml:19:9: a file has no path; expected path: /absolute/file",
+                "bad.yaml:20:15: file \"/srv/a\" is listed twice in requester \"web\" (first at line 16); "
+                "expected each file once",
+                "bad.yaml:21:15: path is \"/srv/./b\"; expected an absolute file path without empty, \".\" or \"..\" "
+                "parts",
+                "bad.yaml:22:9: a file is \"/srv/c\"; expected a mapping with path, and optionally dstPath and "
+                "rsyncOptions",
+                "bad.yaml:23:3: requester name \"bad name\" is not allowed; expected one or more letters, digits, '.', "
+                "'_' or '-'",
+                "bad.yaml:26:5: key \"period\" is given twice (first at line 25); expected each key once",
+                "bad.yaml:27:3: requester \"empty\" is empty; expected a mapping with at least mode",
+                "bad.yaml:28:3: requester \"nomode\" has no mode; expected mode: periodic or inotify",
+                "bad.yaml:32:13: period is \"-0.5\"; expected a number of seconds >= 0",
+                "bad.yaml:33:20: retryInterval is \"nan\"; expected a finite number of seconds",
+                "bad.yaml:34:25: syncErrorThreshold is \"-1\"; expected a whole number >= 0",
+                "bad.yaml:35:18: remoteHosts is \"one,two\"; expected a list of host names, like [host1, host2]",
+                "bad.yaml:36:12: files is \"/srv/file\"; expected a list of files, each a mapping with path",
+            }),
+            parsed.errors);
+  EXPECT_EQ(AgentConfig(), parsed.config) << "nothing of an invalid file is offered for use";
+}
+
+TEST(ConfigFileTest, RefusesFilesOfTheWrongShape) {
+  auto errorsOf = [](std::string const& text) { return parseConfigText(text, "f.yaml").errors; };
+  std::string const topLevel = "expected a mapping with the keys maxConcurrentReplications, requesters";
+  EXPECT_EQ(Lines{"f.yaml:1:1: the file is empty; " + topLevel}, errorsOf(""));
+  EXPECT_EQ(Lines{"f.yaml:1:1: the file is empty; " + topLevel}, errorsOf("# only a comment\n"));
+  EXPECT_EQ(Lines{"f.yaml:1:1: the top level is a list; " + topLevel}, errorsOf("- requesters\n"));
+  EXPECT_EQ(Lines{"f.yaml:1:1: the top level is \"requesters\"; " + topLevel}, errorsOf("requesters\n"));
+  EXPECT_EQ(Lines{"f.yaml:3:1: the file holds a second document; expected one document"},
+            errorsOf("requesters:\n---\nrequesters:\n"));
+  EXPECT_EQ(Lines{"f.yaml:1:13: requesters is a list; expected a mapping of requester names to their settings"},
+            errorsOf("requesters: [web]\n"));
+  EXPECT_EQ(Lines{"f.yaml:3:3: key \"a\" is given twice (first at line 2); expected each key once"},
+            errorsOf("requesters:\n  a: {mode: periodic}\n  a: {mode: inotify}\n"));
+  // Syntax errors carry yaml-cpp's position, 1-based.
+  EXPECT_EQ(Lines{"f.yaml:2:43: YAML syntax error: illegal flow end"},
+            errorsOf("requesters:\n  web: {mode: periodic, remoteHosts: [a, b}\n }\n"));
+  EXPECT_EQ(Lines{"f.yaml:2:3: YAML syntax error: illegal map value"}, errorsOf("a: 1\n b: 2\n"));
+}
+
+class ConfigFileIntegration : public testing::Test {
+ protected:
+  void SetUp() override {
+    char dir[] = "/tmp/configfile-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dir));
+    dir_ = dir;
+  }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
+
+  std::string write(std::string const& name, std::string const& text) const {
+    std::string const path = dir_ + "/" + name;
+    std::ofstream(path) << text;
+    return path;
+  }
+
+  std::string dir_;
+};
+
+TEST_F(ConfigFileIntegration, ReadsTheFileAndChecksInotifyDirectories) {
+  std::filesystem::create_directory(dir_ + "/watched");
+  write("plain", "");
+  std::string const path = write("agent.yaml", "requesters:\n"
+                                               "  live:\n"
+                                               "    mode: inotify\n"
+                                               "    files:\n"
+                                               "      - path: " + dir_ + "/watched/a\n"
+                                               "      - path: " + dir_ + "/missing/b\n"
+                                               "      - path: " + dir_ + "/plain/c\n"
+                                               "  dormant:\n"
+                                               "    mode: inotify\n"
+                                               "    enabled: false\n"
+                                               "    files:\n"
+                                               "      - path: /nonexistent-filerep-dir/d\n"
+                                               "  polled:\n"
+                                               "    mode: periodic\n"
+                                               "    files:\n"
+                                               "      - path: /nonexistent-filerep-dir/e\n");
+  auto const parsed = parseConfigFile(path);
+  // A disabled requester is checked too: it can be enabled without a reload.
+  EXPECT_EQ((Lines{path + ":6:15: cannot watch the directory \"" + dir_ +
+                       "/missing\": No such file or directory; expected an existing directory, as the requester is in "
+                       "inotify mode",
+                   path + ":7:15: cannot watch the directory \"" + dir_ +
+                       "/plain\": Not a directory; expected an existing directory, as the requester is in inotify mode",
+                   path + ":12:15: cannot watch the directory \"/nonexistent-filerep-dir\": No such file or directory; "
+                          "expected an existing directory, as the requester is in inotify mode"}),
+            parsed.errors);
+
+  std::string const good = write("good.yaml", "requesters:\n  live:\n    mode: inotify\n    files:\n      - path: " +
+                                                  dir_ + "/watched/a\n");
+  auto const valid = parseConfigFile(good);
+  ASSERT_TRUE(valid.ok()) << valid.errors.front();
+  ASSERT_EQ(1u, valid.config.requesters.size());
+  EXPECT_EQ(RequesterConfig::inotify, valid.config.requesters[0].mode);
+  EXPECT_EQ(dir_ + "/watched/a", valid.config.requesters[0].files.at(0).dstPath);
+}
+
+TEST_F(ConfigFileIntegration, ReportsAFileThatCannotBeRead) {
+  EXPECT_EQ(Lines{dir_ + "/absent.yaml: cannot read: No such file or directory"},
+            parseConfigFile(dir_ + "/absent.yaml").errors);
+  EXPECT_EQ(Lines{dir_ + ": cannot read: Is a directory"}, parseConfigFile(dir_).errors);
+}
+
+}  // namespace
+}  // namespace Agent
