@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "FileReplication/FileReplicationUtils.h"
+#include "tests/support/TestFiles.h"
 #include "runtime/ActivityManager.h"
 #include "tests/support/ScriptedChildren.h"
 #include "tests/support/TraceCapture.h"
@@ -52,13 +53,9 @@ TEST(CommandsTest, TracesNameTheRequest) {
 
 // The real spawner finds Replicate on PATH and hands it the vector intact.
 TEST(CommandsIntegration, RealChildReceivesTheArgumentVector) {
-  char dir[] = "/tmp/commands-XXXXXX";
-  ASSERT_NE(nullptr, mkdtemp(dir));
-  std::string const d = dir;
-  {
-    std::ofstream script(d + "/Replicate");
-    script << "#!/bin/sh\nfor a in \"$@\"; do printf '%s|' \"$a\"; done > " << d << "/args\n";
-  }
+  TempDir dir;
+  std::string const d = dir.path();
+  writeFile(d + "/Replicate", "#!/bin/sh\nfor a in \"$@\"; do printf '%s|' \"$a\"; done > " + d + "/args\n");
   chmod((d + "/Replicate").c_str(), 0755);
   std::string const oldPath = getenv("PATH");
   setenv("PATH", (d + ":" + oldPath).c_str(), 1);
@@ -68,12 +65,7 @@ TEST(CommandsIntegration, RealChildReceivesTheArgumentVector) {
       [&] { return child->signalCode() != Kel::ChildSiginfo::notEnded; }, 10));
   EXPECT_EQ(Kel::ChildSiginfo::exited, child->signalCode());
   EXPECT_EQ(0, child->exitStatus());
-  std::stringstream args;
-  args << std::ifstream(d + "/args").rdbuf();
-  EXPECT_EQ("--cmd|rsyncFile|--source|/s x|--target|/t;y|--rsyncOptions||", args.str());
-  unlink((d + "/args").c_str());
-  unlink((d + "/Replicate").c_str());
-  rmdir(dir);
+  EXPECT_EQ("--cmd|rsyncFile|--source|/s x|--target|/t;y|--rsyncOptions||", readFile(d + "/args"));
 }
 
 }  // namespace

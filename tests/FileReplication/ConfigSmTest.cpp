@@ -7,25 +7,19 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "FileReplication/InotifyModeSm.h"
 #include "FileReplication/PeriodicModeSm.h"
-#include "runtime/ActivityManager.h"
 #include "runtime/Exception.h"
-#include "tests/support/ScriptedChildren.h"
+#include "tests/FileReplication/SmTest.h"
 #include "tests/support/TraceCapture.h"
+#include "tests/support/WhatOf.h"
 
 namespace FileReplication {
 namespace {
 
 using testing::HasSubstr;
 using Signals = std::vector<int>;
-constexpr double start = 1000;
-
-Kel::Ptr<Kel::Clock> clock() { return Kel::activityManager()->clock(); }
-void turn() { Kel::activityManager()->loop().turn(0); }
 
 // Ends the process normally as soon as a status entry is created, so that a
 // death test tells an abort before the creation from one after it.
@@ -35,40 +29,24 @@ class ExitOnStatusEntry : public Status::NotifieeConst {
   void onRequester(Kel::Name) override { _exit(0); }
 };
 
-class ConfigSmTest : public testing::Test {
+class ConfigSmTest : public SmTest {
  protected:
-  void SetUp() override {
-    clock()->manualTimeIs(true);
-    clock()->nowIs(start);
-    char dir[] = "/tmp/configsm-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dir));
-    dir_ = dir;
-  }
-
-  void TearDown() override {
+  void dropMachines() override {
     sm_ = nullptr;
     config_ = nullptr;
     status_ = nullptr;
-    turn();
-    EXPECT_EQ(0u, clock()->armedTimers()) << "a destroyed machine leaves no timer armed";
-    clock()->manualTimeIs(false);
-    std::filesystem::remove_all(dir_);
   }
-
-  std::string path(std::string const& name) const { return dir_ + "/" + name; }
 
   // An enabled requester with one existing file of its own, sent to h1.
   Kel::Ptr<RequesterConfig> requester(char const* name, RequesterConfig::Mode mode) {
     auto rc = RequesterConfig::RequesterConfigIs(name, mode);
     rc->remoteHostIs("h1");
     rc->enabledIs(true);
-    std::ofstream(path(name)) << name;
+    writeFile(path(name), name);
     rc->newFile(Kel::Name(path(name)), "/dst/" + std::string(name), "");
     return rc;
   }
 
-  Kel::ScriptedChildren children_;
-  std::string dir_;
   Kel::Ptr<Config> config_ = Config::ConfigIs();
   Kel::Ptr<Status> status_ = Status::StatusIs();
   Kel::Ptr<ConfigSm> sm_;
@@ -200,38 +178,24 @@ TEST_F(ConfigSmTest, BrokenContractsAbortAndANullMachineIsRefused) {
       },
       testing::KilledBySignal(SIGABRT), HasSubstr("Assertion failed: 0 && \"invalid mode\""));
 
-  try {
-    sm_->requesterConfigSmIs(nullptr);
-    ADD_FAILURE() << "a null machine was taken";
-  } catch (Kel::RangeException const& e) {
-    EXPECT_STREQ(
-        "null _requesterConfigSm parameter to mutator for FileReplication::ConfigSm::requesterConfigSm not "
-        "allowed\"",
-        e.what());
-  }
+  EXPECT_EQ(
+      "null _requesterConfigSm parameter to mutator for FileReplication::ConfigSm::requesterConfigSm not allowed\"",
+      whatOf<Kel::RangeException>([&] { sm_->requesterConfigSmIs(nullptr); }));
   EXPECT_EQ(1u, sm_->requesterConfigSm().size());
 }
 
 // The base on its own: what binding its configuration does before any
 // subclass exists, and the file statuses it keeps.
-class RequesterConfigSmBaseTest : public testing::Test {
+class RequesterConfigSmBaseTest : public SmTest {
  protected:
   void SetUp() override {
-    clock()->manualTimeIs(true);
-    clock()->nowIs(start);
     rc_->remoteHostIs("h1");
     rc_->newFile("/src/a", "/dst/a", "");
     rc_->newFile("/src/b", "/dst/b", "");
     rc_->enabledIs(true);
   }
-  void TearDown() override {
-    rc_ = nullptr;
-    turn();
-    EXPECT_EQ(0u, clock()->armedTimers());
-    clock()->manualTimeIs(false);
-  }
+  void dropMachines() override { rc_ = nullptr; }
 
-  Kel::ScriptedChildren children_;
   Kel::Ptr<RequesterConfig> rc_ = RequesterConfig::RequesterConfigIs("r", RequesterConfig::periodic);
 };
 
@@ -306,23 +270,17 @@ TEST_F(RequesterConfigSmBaseTest, FileStatusesFollowTheFilesOnlyWhileEnabled) {
 
 // Real files copied by the real Replicate, in both modes, through the
 // whole machine tree.
-std::string contents(std::string const& path) {
-  std::stringstream s;
-  s << std::ifstream(path).rdbuf();
-  return s.str();
-}
 
 TEST(ConfigSmIntegration, RealReplicateKeepsCopiesInStepInBothModes) {
   std::string const oldPath = getenv("PATH");
   setenv("PATH", (std::string(REPLICATE_DIR) + ":" + oldPath).c_str(), 1);
-  char dir[] = "/tmp/configsm-e2e-XXXXXX";
-  ASSERT_NE(nullptr, mkdtemp(dir));
-  std::string const d = dir;
-  std::filesystem::create_directory(d + "/src");
-  std::string const periodicSource = d + "/src/periodic", watchedSource = d + "/src/watched";
-  std::string const periodicTarget = d + "/dst/periodic", watchedTarget = d + "/dst/watched";
-  std::ofstream(periodicSource) << "one";
-  std::ofstream(watchedSource) << "one";
+  TempDir d;
+  std::filesystem::create_directory(d / "src");
+  // Names that would run as code in a shell reach rsync whole.
+  std::string const periodicSource = d / "src/periodic", watchedSource = d / "src/it's a $(file); x";
+  std::string const periodicTarget = d / "dst/periodic", watchedTarget = d / "dst/watched";
+  writeFile(periodicSource, "one");
+  writeFile(watchedSource, "one");
 
   auto config = Config::ConfigIs();
   auto periodic = config->newRequester("p", RequesterConfig::periodic);
@@ -338,20 +296,22 @@ TEST(ConfigSmIntegration, RealReplicateKeepsCopiesInStepInBothModes) {
 
   auto watchedStatus = status->requester("i")->file(Kel::Name(watchedSource));
   ASSERT_TRUE(loop.runUntil(
-      [&] { return contents(periodicTarget) == "one" && watchedStatus->status() == FileStatus::synchronized; }, 20));
-  EXPECT_EQ("one", contents(watchedTarget));
+      [&] { return readFile(periodicTarget) == "one" && watchedStatus->status() == FileStatus::synchronized; }, 20));
+  EXPECT_EQ("one", readFile(watchedTarget));
 
-  std::ofstream(periodicSource) << "the second version";
-  EXPECT_TRUE(loop.runUntil([&] { return contents(periodicTarget) == "the second version"; }, 20));
-  std::ofstream(watchedSource) << "the second version";
-  EXPECT_TRUE(loop.runUntil([&] { return contents(watchedTarget) == "the second version"; }, 20));
+  writeFile(periodicSource, "the second version");
+  EXPECT_TRUE(loop.runUntil([&] { return readFile(periodicTarget) == "the second version"; }, 20));
+  writeFile(watchedSource, "the second version");
+  EXPECT_TRUE(loop.runUntil([&] { return readFile(watchedTarget) == "the second version"; }, 20));
+  // A source that is gone is deleted on the target too.
+  std::filesystem::remove(periodicSource);
+  EXPECT_TRUE(loop.runUntil([&] { return !std::filesystem::exists(periodicTarget); }, 20));
 
   sm = nullptr;
   EXPECT_EQ(0u, status->requesters());
   auto& children = Kel::activityManager()->children();
   EXPECT_TRUE(loop.runUntil([&] { return children.running() == 0; }, 20)) << "every child is reaped";
   setenv("PATH", oldPath.c_str(), 1);
-  std::filesystem::remove_all(d);
 }
 
 }  // namespace

@@ -10,9 +10,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "runtime/ActivityManager.h"
 #include "runtime/Exception.h"
-#include "tests/support/ScriptedChildren.h"
+#include "tests/FileReplication/SmTest.h"
 #include "tests/support/TraceCapture.h"
 
 namespace FileReplication {
@@ -20,40 +19,28 @@ namespace {
 
 using Argv = std::vector<std::string>;
 using Signals = std::vector<int>;
-constexpr double start = 1000;
 
 // Real inotify on a temporary tree: d1 holds the configured files a and b
 // and an unconfigured neighbour, d2 a file c.
-class InotifyModeSmIntegration : public testing::Test {
+class InotifyModeSmIntegration : public SmTest {
  protected:
   void SetUp() override {
-    clock()->manualTimeIs(true);
-    clock()->nowIs(start);
-    char dir[] = "/tmp/inotifysm-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dir));
-    dir_ = dir;
-    d1_ = dir_ + "/d1";
-    d2_ = dir_ + "/d2";
+    d1_ = path("d1");
+    d2_ = path("d2");
     std::filesystem::create_directory(d1_);
     std::filesystem::create_directory(d2_);
-    for (auto const& p : {a(), b(), d1_ + "/neighbour", c()}) std::ofstream(p) << "0";
+    for (auto const& p : {a(), b(), d1_ + "/neighbour", c()}) writeFile(p, "0");
     rc_->remoteHostIs("h1");
     rc_->newFile(Kel::Name(a()), "/dst/a", "");
     rc_->newFile(Kel::Name(b()), "/dst/b", "");
     rc_->enabledIs(true);
   }
-
-  void TearDown() override {
+  void dropMachines() override {
     sm_ = nullptr;
     turn();
-    EXPECT_EQ(0u, clock()->armedTimers()) << "a destroyed machine leaves no timer armed";
     EXPECT_EQ(0u, rc_->reactors());
-    clock()->manualTimeIs(false);
-    std::filesystem::remove_all(dir_);
   }
 
-  static Kel::Ptr<Kel::Clock> clock() { return Kel::activityManager()->clock(); }
-  static void turn() { Kel::activityManager()->loop().turn(0); }
   // Reads what the kernel queued, then lets the event clock drain it.
   static void settle() {
     for (int i = 0; i < 3; ++i) turn();
@@ -67,19 +54,9 @@ class InotifyModeSmIntegration : public testing::Test {
     return *sm_;
   }
   std::uint32_t watchOf(std::string const& dir) const { return sm_->dirSm(dir)->watchId(); }
-  void endRunning() {
-    for (std::size_t i = 0; i < children_.launches(); ++i) {
-      auto const& child = children_.child(i);
-      if (child.signals.empty() && child.siginfo->signalCode() == Kel::ChildSiginfo::notEnded) {
-        children_.endExited(child.siginfo, 0);
-      }
-    }
-    turn();
-  }
   std::string lastSource() const { return children_.last().argv.at(6); }
 
-  Kel::ScriptedChildren children_;
-  std::string dir_, d1_, d2_;
+  std::string d1_, d2_;
   Kel::Ptr<RequesterConfig> rc_ = RequesterConfig::RequesterConfigIs("r", RequesterConfig::inotify);
   Kel::Ptr<RequesterStatus> rs_ = RequesterStatus::RequesterStatusIs("r");
   Kel::Ptr<InotifyRequesterConfigSm> sm_;
@@ -251,16 +228,16 @@ TEST_F(InotifyModeSmIntegration, PeriodIsIgnoredHostsAndDisablingActOnEveryFile)
   EXPECT_TRUE(RequesterConfigSmBase::operations().invoke(sm, "replicateFiles"));
   EXPECT_EQ(7u, children_.launches());
 
-  std::filesystem::create_directory(dir_ + "/d3");
-  std::ofstream(dir_ + "/d3/e") << "e";
-  rc_->newFile(Kel::Name(dir_ + "/d3/e"), "/dst/e", "");
-  EXPECT_EQ(nullptr, sm.dirSm(dir_ + "/d3")) << "a disabled requester takes no new file";
-  EXPECT_EQ(nullptr, rs_->file(Kel::Name(dir_ + "/d3/e")));
+  std::filesystem::create_directory(path("d3"));
+  std::ofstream(path("d3/e")) << "e";
+  rc_->newFile(Kel::Name(path("d3/e")), "/dst/e", "");
+  EXPECT_EQ(nullptr, sm.dirSm(path("d3"))) << "a disabled requester takes no new file";
+  EXPECT_EQ(nullptr, rs_->file(Kel::Name(path("d3/e"))));
 }
 
 TEST_F(InotifyModeSmIntegration, AMissingDirectoryOrADisabledAdditionAborts) {
   auto& sm = make();
-  EXPECT_DEATH(rc_->newFile(Kel::Name(dir_ + "/missing/f"), "/dst/f", ""),
+  EXPECT_DEATH(rc_->newFile(Kel::Name(path("missing/f")), "/dst/f", ""),
                testing::HasSubstr("Assertion failed: Utils::exists( d )"));
   rc_->enabledIs(false);
   EXPECT_DEATH(sm.addWatch(c(), FileConfig::FileConfigIs(Kel::Name(c()), "/dst/c", ""), nullptr),

@@ -16,22 +16,14 @@
 
 #include "runtime/ActivityManager.h"
 #include "runtime/Exception.h"
+#include "tests/support/TestFiles.h"
 #include "tests/support/TraceCapture.h"
+#include "tests/support/WhatOf.h"
 
 namespace FileReplication {
 namespace {
 
 using Type = InotifyEvent::Type;
-
-template <class F>
-std::string errorOf(F f) {
-  try {
-    f();
-  } catch (Kel::RangeException const& e) {
-    return e.what();
-  }
-  return "no exception";
-}
 
 // The messages that contain part; TraceCapture hands each message out once.
 std::vector<std::string> with(std::vector<std::string> const& messages, std::string const& part) {
@@ -73,9 +65,8 @@ TEST(InotifyEventTest, TextFormRoundTripsAndReadsLooseSpacing) {
   Kel::StrepIterator it = two.begin();
   EXPECT_EQ(InotifyEvent(), InotifyEvent::sequenceToValue(it, two.end()));
   EXPECT_EQ("rest", std::string(it, two.end()));
-}
 
-TEST(InotifyEventTest, AttributesInAnyOrderMissingOrRepeated) {
+  // Attributes in any order, missing or repeated.
   std::string const prefix = "Value('FileReplication::InotifyEvent', ** {";
   EXPECT_EQ(InotifyEvent(InotifyEvent::deleted, true, 9, "n"),
             InotifyEvent::strepToValue(prefix +
@@ -89,16 +80,16 @@ TEST(InotifyEventTest, AttributesInAnyOrderMissingOrRepeated) {
 TEST(InotifyEventTest, ParseErrorsSayWhatIsWrong) {
   std::string const prefix = "Value('FileReplication::InotifyEvent', ** {";
   EXPECT_EQ("premature end of value type InotifyEvent",
-            errorOf([&] { InotifyEvent::strepToValue(prefix + "'watchId': 1 "); }));
-  EXPECT_EQ("premature end of value type InotifyEvent", errorOf([&] { InotifyEvent::strepToValue(prefix); }));
-  EXPECT_EQ("InotifyEvent has no such attribute: x", errorOf([&] { InotifyEvent::strepToValue(prefix + "'x': 1})"); }));
-  EXPECT_EQ("Type", errorOf([&] { InotifyEvent::strepToValue(prefix + "'eventType': 'moved'})"); }));
+            whatOf<Kel::RangeException>([&] { InotifyEvent::strepToValue(prefix + "'watchId': 1 "); }));
+  EXPECT_EQ("premature end of value type InotifyEvent", whatOf<Kel::RangeException>([&] { InotifyEvent::strepToValue(prefix); }));
+  EXPECT_EQ("InotifyEvent has no such attribute: x", whatOf<Kel::RangeException>([&] { InotifyEvent::strepToValue(prefix + "'x': 1})"); }));
+  EXPECT_EQ("Type", whatOf<Kel::RangeException>([&] { InotifyEvent::strepToValue(prefix + "'eventType': 'moved'})"); }));
   EXPECT_EQ("junk at column " + std::to_string(defaultText.size()) + " deserializing " + defaultText + "x",
-            errorOf([&] { InotifyEvent::strepToValue(defaultText + "x"); }));
+            whatOf<Kel::RangeException>([&] { InotifyEvent::strepToValue(defaultText + "x"); }));
   EXPECT_EQ("expected \" 'FileReplication::InotifyEvent'\", found 'O'",
-            errorOf([] { InotifyEvent::strepToValue("Value('Other', ** {})"); }));
+            whatOf<Kel::RangeException>([] { InotifyEvent::strepToValue("Value('Other', ** {})"); }));
   EXPECT_EQ("expected \", \", found '''",
-            errorOf([&] { InotifyEvent::strepToValue(prefix + "'watchId': 1 'fileName': ''})"); }));
+            whatOf<Kel::RangeException>([&] { InotifyEvent::strepToValue(prefix + "'watchId': 1 'fileName': ''})"); }));
 }
 
 TEST(InotifyEventTest, TypeNamesAndNumbers) {
@@ -113,8 +104,8 @@ TEST(InotifyEventTest, TypeNamesAndNumbers) {
     o << t;
     EXPECT_EQ(names[v], o.str());
   }
-  EXPECT_EQ("InotifyEvent::Type", errorOf([] { InotifyEvent::TypeInstance(4u); }));
-  EXPECT_EQ("Type", errorOf([] { InotifyEvent::TypeInstance(Kel::String("Created")); }));
+  EXPECT_EQ("InotifyEvent::Type", whatOf<Kel::RangeException>([] { InotifyEvent::TypeInstance(4u); }));
+  EXPECT_EQ("Type", whatOf<Kel::RangeException>([] { InotifyEvent::TypeInstance(Kel::String("Created")); }));
   EXPECT_EQ("InotifyEvent::Type(4)", InotifyEvent::stringValue(Type(4)).str());
 }
 
@@ -154,22 +145,6 @@ std::vector<std::uint32_t> range(std::uint32_t from, std::uint32_t to) {
 }
 
 InotifyEvent event(std::uint32_t watchId) { return InotifyEvent(InotifyEvent::modified, false, watchId, "f"); }
-
-// A directory of its own, removed with everything in it.
-class TempDir {
- public:
-  TempDir() {
-    char dir[] = "/tmp/inotify-XXXXXX";
-    if (!mkdtemp(dir)) throw Kel::ErrnoException(errno, "");
-    path_ = dir;
-  }
-  ~TempDir() { std::filesystem::remove_all(path_); }
-  std::string const& path() const { return path_; }
-  std::string operator/(std::string const& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
 
 // InotifyMonitor, with events enqueued by the test
 
@@ -294,7 +269,9 @@ TEST_F(WatcherTest, BurstIsHandledTenEventsPerFiring) {
   EXPECT_TRUE(watcher->handled.empty()) << "handled from the clock only";
   EXPECT_EQ(1u, clock()->armedTimers());
 
+  EXPECT_FALSE(trace.messagesWith("void FileReplication::Watcher::handleInotifyEventQueue()").empty());
   EXPECT_EQ(1u, clock()->fireDue());
+  EXPECT_FALSE(trace.messagesWith("void FileReplication::Watcher::handleEventClock()").empty());
   EXPECT_EQ(range(0, 10), ids(watcher->handled));
   EXPECT_EQ(1u, clock()->fireDue());
   EXPECT_EQ(range(10, 20), ids(watcher->handled, 10));
@@ -470,19 +447,14 @@ TEST_F(InotifyMonitorIntegration, WatchesComeAndGo) {
   EXPECT_EQ(InotifyEvent(InotifyEvent::created, false, again, "f"), events[0]);
 }
 
+// The watch a watcher takes is the one the kernel reports its path's changes on.
 TEST(WatcherIntegration, HandlesChangesOfItsPath) {
-  Kel::TraceCapture trace("FileReplicationInotify");
   TempDir dir;
   Kel::Ptr<RecordingWatcher> const watcher = RecordingWatcher::RecordingWatcherIs(dir.path(), true);
-  int const fd = open((dir / "f").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
-  ASSERT_GE(fd, 0);
-  close(fd);
+  writeFile(dir / "f", "");
   EXPECT_TRUE(Kel::activityManager()->loop().runUntil([&] { return !watcher->handled.empty(); }, 10));
   ASSERT_FALSE(watcher->handled.empty());
   EXPECT_EQ(InotifyEvent(InotifyEvent::created, false, watcher->wid(), "f"), watcher->handled[0]);
-  std::vector<std::string> const messages = trace.messages();
-  EXPECT_FALSE(with(messages, "void FileReplication::Watcher::handleInotifyEventQueue()").empty());
-  EXPECT_FALSE(with(messages, "void FileReplication::Watcher::handleEventClock()").empty());
 }
 
 }  // namespace

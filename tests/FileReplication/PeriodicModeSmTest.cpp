@@ -4,11 +4,8 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 
-#include "runtime/ActivityManager.h"
-#include "tests/support/ScriptedChildren.h"
+#include "tests/FileReplication/SmTest.h"
 #include "tests/support/TraceCapture.h"
 
 namespace FileReplication {
@@ -16,51 +13,27 @@ namespace {
 
 using Argv = std::vector<std::string>;
 using Signals = std::vector<int>;
-constexpr double start = 1000;
 constexpr double period = 30;
 
-class PeriodicModeSmTest : public testing::Test {
+class PeriodicModeSmTest : public SmTest {
  protected:
   void SetUp() override {
-    clock()->manualTimeIs(true);
-    clock()->nowIs(start);
-    char dir[] = "/tmp/periodicsm-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dir));
-    dir_ = dir;
-    for (char const* name : {"a", "b", "c"}) std::ofstream(path(name)) << name;
+    for (char const* name : {"a", "b", "c"}) writeFile(path(name), name);
     rc_->remoteHostIs("h1");
     rc_->periodIs(period);
     rc_->newFile(Kel::Name(path("a")), "/dst/a", "");
     rc_->newFile(Kel::Name(path("b")), "/dst/b", "");
     rc_->enabledIs(true);
   }
-
-  void TearDown() override {
+  void dropMachines() override {
     sm_ = nullptr;
     turn();
-    EXPECT_EQ(0u, clock()->armedTimers()) << "a destroyed machine leaves no timer armed";
     EXPECT_EQ(0u, rc_->reactors()) << "nothing watches the configuration any more";
-    clock()->manualTimeIs(false);
-    std::filesystem::remove_all(dir_);
   }
-
-  static Kel::Ptr<Kel::Clock> clock() { return Kel::activityManager()->clock(); }
-  static void turn() { Kel::activityManager()->loop().turn(0); }
-  std::string path(std::string const& name) const { return dir_ + "/" + name; }
 
   PeriodicRequesterConfigSm& make() {
     sm_ = PeriodicRequesterConfigSm::PeriodicRequesterConfigSmIs("r", rc_, rs_);
     return *sm_;
-  }
-  // Ends every child still running as a success.
-  void endRunning() {
-    for (std::size_t i = 0; i < children_.launches(); ++i) {
-      auto const& child = children_.child(i);
-      if (child.signals.empty() && child.siginfo->signalCode() == Kel::ChildSiginfo::notEnded) {
-        children_.endExited(child.siginfo, 0);
-      }
-    }
-    turn();
   }
   // The sources of the runs started from launch first on.
   std::vector<std::string> sources(std::size_t first) const {
@@ -69,8 +42,6 @@ class PeriodicModeSmTest : public testing::Test {
     return out;
   }
 
-  Kel::ScriptedChildren children_;
-  std::string dir_;
   Kel::Ptr<RequesterConfig> rc_ = RequesterConfig::RequesterConfigIs("r", RequesterConfig::periodic);
   Kel::Ptr<RequesterStatus> rs_ = RequesterStatus::RequesterStatusIs("r");
   Kel::Ptr<PeriodicRequesterConfigSm> sm_;

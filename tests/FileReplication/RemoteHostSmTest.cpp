@@ -1,66 +1,34 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "FileReplication/FileReplicationSm.h"
 #include "FileReplication/PeriodicModeSm.h"
-#include "runtime/ActivityManager.h"
-#include "tests/support/ScriptedChildren.h"
+#include "tests/FileReplication/SmTest.h"
 #include "tests/support/TraceCapture.h"
 
 namespace FileReplication {
 namespace {
 
-constexpr double start = 1000;
 std::string const delaying =
     "void FileReplication::RemoteHostSm::handleRemoteHost(Kel::String): Delaying replication for ";
 
 // A periodic requester whose period never comes during a test, so that every
 // run after the first ones is the remote host machine's doing.
-class RemoteHostSmTest : public testing::Test {
+class RemoteHostSmTest : public SmTest {
  protected:
   void SetUp() override {
-    clock()->manualTimeIs(true);
-    clock()->nowIs(start);
-    char dir[] = "/tmp/remotehostsm-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dir));
-    dir_ = dir;
     rc_->remoteHostIs("h1");
     rc_->periodIs(1e6);
     for (char const* name : {"a", "b"}) {
-      std::ofstream(dir_ + "/" + name) << name;
-      rc_->newFile(Kel::Name(dir_ + "/" + name), "/dst/" + std::string(name), "");
+      writeFile(path(name), name);
+      rc_->newFile(Kel::Name(path(name)), "/dst/" + std::string(name), "");
     }
     rc_->enabledIs(true);
     sm_ = PeriodicRequesterConfigSm::PeriodicRequesterConfigSmIs("r", rc_, RequesterStatus::RequesterStatusIs("r"));
     endRunning();
   }
-
-  void TearDown() override {
-    sm_ = nullptr;
-    turn();
-    EXPECT_EQ(0u, clock()->armedTimers());
-    clock()->manualTimeIs(false);
-    std::filesystem::remove_all(dir_);
-  }
-
-  static Kel::Ptr<Kel::Clock> clock() { return Kel::activityManager()->clock(); }
-  static void turn() { Kel::activityManager()->loop().turn(0); }
+  void dropMachines() override { sm_ = nullptr; }
   RemoteHostSm& remoteHostSm() const { return *sm_->remoteHostSm(); }
 
-  void endRunning() {
-    for (std::size_t i = 0; i < children_.launches(); ++i) {
-      auto const& child = children_.child(i);
-      if (child.signals.empty() && child.siginfo->signalCode() == Kel::ChildSiginfo::notEnded) {
-        children_.endExited(child.siginfo, 0);
-      }
-    }
-    turn();
-  }
-
-  Kel::ScriptedChildren children_;
-  std::string dir_;
   Kel::Ptr<RequesterConfig> rc_ = RequesterConfig::RequesterConfigIs("r", RequesterConfig::periodic);
   Kel::Ptr<PeriodicRequesterConfigSm> sm_;
 };

@@ -7,26 +7,19 @@
 #include <fstream>
 #include <sstream>
 
-#include "runtime/ActivityManager.h"
-#include "tests/support/ScriptedChildren.h"
+#include "tests/FileReplication/SmTest.h"
 #include "tests/support/TraceCapture.h"
 
 namespace FileReplication {
 namespace {
 
 using Argv = std::vector<std::string>;
-constexpr double start = 1000;
 
-class ReplicationSmTest : public testing::Test {
+class ReplicationSmTest : public SmTest {
  protected:
   void SetUp() override {
-    clock()->manualTimeIs(true);
-    clock()->nowIs(start);
-    char dir[] = "/tmp/replicationsm-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dir));
-    dir_ = dir;
-    source_ = dir_ + "/source";
-    std::ofstream(source_) << "content";
+    source_ = path("source");
+    writeFile(source_, "content");
     rc_ = RequesterConfig::RequesterConfigIs("r", RequesterConfig::periodic);
     rc_->remoteHostIs("h1");
     rc_->replicationTimeoutIs(60);
@@ -35,18 +28,7 @@ class ReplicationSmTest : public testing::Test {
     fc_ = FileConfig::FileConfigIs(Kel::Name(source_), "/dst/file", "-a");
     fs_ = FileStatus::FileStatusIs(Kel::Name(source_));
   }
-
-  void TearDown() override {
-    sm_ = nullptr;
-    turn();
-    EXPECT_EQ(0u, clock()->armedTimers()) << "a destroyed machine leaves no timer armed";
-    clock()->manualTimeIs(false);
-    unlink(source_.c_str());
-    rmdir(dir_.c_str());
-  }
-
-  static Kel::Ptr<Kel::Clock> clock() { return Kel::activityManager()->clock(); }
-  static void turn() { Kel::activityManager()->loop().turn(0); }
+  void dropMachines() override { sm_ = nullptr; }
 
   ReplicationSm& make() {
     sm_ = ReplicationSm::ReplicationSmIs(Kel::String8(source_), rc_, fc_, fs_);
@@ -61,8 +43,7 @@ class ReplicationSmTest : public testing::Test {
     turn();
   }
 
-  Kel::ScriptedChildren children_;
-  std::string dir_, source_;
+  std::string source_;
   Kel::Ptr<RequesterConfig> rc_;
   Kel::Ptr<FileConfig> fc_;
   Kel::Ptr<FileStatus> fs_;
@@ -230,13 +211,6 @@ TEST_F(ReplicationSmTest, DeleteFileIsFireAndForgetAndOnlyWhenTheSourceIsGone) {
   end(1, 1);
   EXPECT_EQ(ReplicationSm::standby, sm.state());
   EXPECT_EQ(FileStatus::synchronized, fs_->status());
-}
-
-TEST_F(ReplicationSmTest, DestructionKillsTheRunningChild) {
-  make();
-  sm_ = nullptr;
-  EXPECT_EQ((std::vector<int>{SIGKILL}), children_.child(0).signals);
-  EXPECT_EQ(FileStatus::failed, fs_->status());
 }
 
 TEST_F(ReplicationSmTest, TracesOfARunFromStartToSuccess) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "FileReplication/FileReplicationUtils.h"
+#include "tests/support/TestFiles.h"
 
 namespace FileReplication {
 namespace {
@@ -27,10 +28,9 @@ TEST(UtilsTest, DirnameAndFilenameFollowPosix) {
 }
 
 TEST(UtilsIntegration, ExistsFollowsLinksAndTreatsEveryFailureAsMissing) {
-  char dir[] = "/tmp/utils-XXXXXX";
-  ASSERT_NE(nullptr, mkdtemp(dir));
-  std::string const d = dir;
-  std::ofstream(d + "/file") << "x";
+  TempDir dir;
+  std::string const d = dir.path();
+  writeFile(d + "/file", "x");
   ASSERT_EQ(0, symlink((d + "/file").c_str(), (d + "/link").c_str()));
   ASSERT_EQ(0, symlink((d + "/gone").c_str(), (d + "/dangling").c_str()));
   EXPECT_TRUE(Utils::exists(d));
@@ -40,8 +40,6 @@ TEST(UtilsIntegration, ExistsFollowsLinksAndTreatsEveryFailureAsMissing) {
   EXPECT_FALSE(Utils::exists(d + "/gone"));
   EXPECT_FALSE(Utils::exists(d + "/file/below-a-file"));
   EXPECT_FALSE(Utils::exists(""));
-  for (char const* name : {"/file", "/link", "/dangling"}) unlink((d + name).c_str());
-  rmdir(dir);
 }
 
 }  // namespace

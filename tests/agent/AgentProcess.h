@@ -9,39 +9,17 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tests/support/TestFiles.h"
+#include "tests/support/TestProcess.h"
+
 namespace Agent {
 
-// Output and exit status of a command run to its end.
-struct CommandResult {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-// Runs argv (argv[0] found on PATH, or a path) with extra environment
-// entries "NAME=value", and waits for it.
-CommandResult runCommand(std::vector<std::string> const& argv, std::vector<std::string> const& env = {});
+// Runs argv to its end with the built Replicate first on PATH.
+ProcessResult runCommand(std::vector<std::string> const& argv, std::vector<std::string> const& env = {});
 
 // Checks cond every 20 ms until it holds or seconds have passed: these tests
 // drive real processes, whose progress no manual clock can step.
 bool eventually(std::function<bool()> const& cond, double seconds = 30);
-
-// A temporary directory, removed with everything in it.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  std::string const& path() const { return path_; }
-  std::string operator/(std::string const& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
-
-void writeFile(std::string const& path, std::string const& content);
-// Writes beside and renames over, as editors do, so a reader never sees half.
-void replaceFile(std::string const& path, std::string const& content);
-std::string readFile(std::string const& path);
 
 // The real agent, `filerep run`, as a child process with the built
 // Replicate on PATH.

@@ -32,7 +32,7 @@ std::string configText(std::vector<Requester> const& requesters) {
 
 // Through the command line, as an operator or a monitoring script sees it.
 nlohmann::json statusOf(AgentProcess const& agent) {
-  CommandResult const result = runCommand({FILEREP_PROGRAM, "status", "--json", "--socket", agent.socket()});
+  ProcessResult const result = runCommand({FILEREP_PROGRAM, "status", "--json", "--socket", agent.socket()});
   if (result.status != 0) return nullptr;
   nlohmann::json status = nlohmann::json::parse(result.out, nullptr, false);
   return status.is_discarded() ? nullptr : status;

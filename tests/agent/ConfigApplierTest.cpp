@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <stdexcept>
 
@@ -14,35 +12,16 @@
 #include "entities/Status.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/Exception.h"
-#include "tests/support/ScriptedChildren.h"
+#include "tests/FileReplication/SmTest.h"
+#include "tests/entities/RequesterLog.h"
 
 namespace Agent {
 namespace {
 
 using FileReplication::Config;
 using FileReplication::RequesterConfig;
+using FileReplication::RequesterLog;
 using Lines = std::vector<std::string>;
-
-// Records every notification of one requester as "NAME what", with the
-// requester's enabled flag at that moment when it is not about enabled.
-class RequesterLog : public RequesterConfig::NotifieeConst {
- public:
-  explicit RequesterLog(Lines& log) : log_(log) {}
-  void onFile(Kel::Name n) override { add("file " + n.str()); }
-  void onFile() override { add("files"); }
-  void onEnabled() override { add(notifier()->enabled() ? "enabled" : "disabled"); }
-  void onRemoteHost(Kel::String h) override { add("host " + h.str()); }
-  void onRemoteHost() override { add("hosts"); }
-  void onReplicationTimeout() override { add("replicationTimeout"); }
-  void onPeriod() override { add("period"); }
-  void onRetryInterval() override { add("retryInterval"); }
-  void onSyncErrorThreshold() override { add("syncErrorThreshold"); }
-  void onRemoteHostReplicationDelay() override { add("remoteHostReplicationDelay"); }
-
- private:
-  void add(std::string const& what) { log_.push_back(notifier()->name().str() + " " + what); }
-  Lines& log_;
-};
 
 // Records the requesters coming and going, and follows each one added.
 class TreeLog : public Config::NotifieeConst {
@@ -265,40 +244,22 @@ TEST_F(ConfigApplierTest, ARequesterThatFailsIsLeftOutAndTheOthersApplied) {
 
 // With the real machines: reapplying starts nothing, and a file's new options
 // reach its next run without a restart.
-class ConfigApplierIntegration : public testing::Test {
+class ConfigApplierIntegration : public FileReplication::SmTest {
  protected:
   void SetUp() override {
-    clock()->manualTimeIs(true);
-    clock()->nowIs(1000);
-    char dir[] = "/tmp/configapplier-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dir));
-    dir_ = dir;
-    std::ofstream(dir_ + "/a") << "a";
-    std::ofstream(dir_ + "/b") << "b";
+    writeFile(path("a"), "a");
+    writeFile(path("b"), "b");
     configSm_ = FileReplication::configSmFactory(config_, status_);
   }
-  void TearDown() override {
-    configSm_ = nullptr;
-    Kel::activityManager()->loop().turn(0);
-    clock()->manualTimeIs(false);
-    std::filesystem::remove_all(dir_);
-  }
+  void dropMachines() override { configSm_ = nullptr; }
 
-  static Kel::Ptr<Kel::Clock> clock() { return Kel::activityManager()->clock(); }
   RequesterSettings requester() const {
     RequesterSettings r;
     r.name = "web";
     r.remoteHosts = {"h1"};
     r.period = 60;
-    r.files = {{dir_ + "/a", "/dst/a", "-a"}, {dir_ + "/b", "/dst/b", "-a"}};
+    r.files = {{path("a"), "/dst/a", "-a"}, {path("b"), "/dst/b", "-a"}};
     return r;
-  }
-  void endAll() {
-    for (std::size_t i = 0; i < children_.launches(); ++i) {
-      auto const& child = children_.child(i);
-      if (child.siginfo->signalCode() == Kel::ChildSiginfo::notEnded) children_.endExited(child.siginfo, 0);
-    }
-    Kel::activityManager()->loop().turn(0);
   }
   // The files of the launches from index first on, with their options.
   Lines runs(std::size_t first) const {
@@ -308,13 +269,11 @@ class ConfigApplierIntegration : public testing::Test {
       auto const source = std::find(argv.begin(), argv.end(), "--source");
       auto const options = std::find(argv.begin(), argv.end(), "--rsyncOptions");
       if (source == argv.end() || options == argv.end()) continue;
-      seen.push_back(source[1].substr(dir_.size()) + " " + options[1]);
+      seen.push_back(source[1].substr(dir_.path().size()) + " " + options[1]);
     }
     return seen;
   }
 
-  Kel::ScriptedChildren children_;
-  std::string dir_;
   Kel::Ptr<Config> config_ = Config::ConfigIs();
   Kel::Ptr<FileReplication::Status> status_ = FileReplication::Status::StatusIs();
   Kel::Ptr<FileReplication::ConfigSm> configSm_;
@@ -324,7 +283,7 @@ TEST_F(ConfigApplierIntegration, ReapplyingRestartsNothingAndNewOptionsReachTheN
   auto wanted = configOf({requester()});
   EXPECT_EQ(Lines{}, applyConfig(wanted, *config_));
   EXPECT_EQ((Lines{"/a -a", "/b -a"}), runs(0)) << "each new file is replicated at once";
-  endAll();
+  endRunning();
 
   EXPECT_EQ(Lines{}, applyConfig(wanted, *config_));
   wanted.requesters[0].files[0].rsyncOptions = "-az";
@@ -333,7 +292,7 @@ TEST_F(ConfigApplierIntegration, ReapplyingRestartsNothingAndNewOptionsReachTheN
 
   clock()->advance(60);
   EXPECT_EQ((Lines{"/a -az", "/b -a"}), runs(2)) << "the period's run uses the new options";
-  endAll();
+  endRunning();
 
   // A file removed while the requester is disabled must not come back
   // when it is enabled again.
@@ -345,10 +304,10 @@ TEST_F(ConfigApplierIntegration, ReapplyingRestartsNothingAndNewOptionsReachTheN
   wanted.requesters[0].enabled = true;
   applyConfig(wanted, *config_);
   EXPECT_EQ(Lines{"/a -az"}, runs(before));
-  endAll();
+  endRunning();
   clock()->advance(60);
   EXPECT_EQ((Lines{"/a -az", "/a -az"}), runs(before));
-  EXPECT_EQ(nullptr, status_->requester("web")->file(Kel::Name(dir_ + "/b")));
+  EXPECT_EQ(nullptr, status_->requester("web")->file(Kel::Name(path("b"))));
 }
 
 }  // namespace

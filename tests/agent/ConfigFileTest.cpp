@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "tests/support/TestFiles.h"
+
 namespace Agent {
 namespace {
 
@@ -176,20 +178,13 @@ TEST(ConfigFileTest, RefusesFilesOfTheWrongShape) {
 
 class ConfigFileIntegration : public testing::Test {
  protected:
-  void SetUp() override {
-    char dir[] = "/tmp/configfile-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dir));
-    dir_ = dir;
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
   std::string write(std::string const& name, std::string const& text) const {
-    std::string const path = dir_ + "/" + name;
-    std::ofstream(path) << text;
-    return path;
+    writeFile(tmp_ / name, text);
+    return tmp_ / name;
   }
 
-  std::string dir_;
+  TempDir tmp_;
+  std::string const dir_ = tmp_.path();
 };
 
 TEST_F(ConfigFileIntegration, ReadsTheFileAndChecksInotifyDirectories) {

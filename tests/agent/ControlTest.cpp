@@ -25,19 +25,13 @@
 #include "agent/SocketPath.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/FileDescriptor.h"
+#include "tests/support/TestFiles.h"
+#include "tests/support/TestProcess.h"
+#include "tests/support/WhatOf.h"
 
 namespace {
 
 using nlohmann::json;
-
-std::string whatOf(std::function<void()> const& work) {
-  try {
-    work();
-  } catch (std::exception const& e) {
-    return e.what();
-  }
-  return "no error";
-}
 
 sockaddr_un addressOf(std::string const& path) {
   sockaddr_un address{};
@@ -131,21 +125,8 @@ class ControlIntegration : public ::testing::Test {
   void SetUp() override {
     Kel::activityManager();
     descriptorsBefore_ = openDescriptors();
-    char pattern[] = "/tmp/filerep-control-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    root_ = pattern;
-    // The server is to create the socket's directory.
-    path_ = root_ + "/run/filerep.sock";
   }
-  void TearDown() override {
-    std::filesystem::remove_all(root_);
-    EXPECT_EQ(openDescriptors(), descriptorsBefore_) << "a descriptor leaked";
-  }
-
-  static std::size_t openDescriptors() {
-    auto const entries = std::filesystem::directory_iterator("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
-  }
+  void TearDown() override { EXPECT_EQ(openDescriptors(), descriptorsBefore_) << "a descriptor leaked"; }
 
   // Records each request the handler gets; answers a status with a payload.
   Agent::ControlServer::Handler recorder() {
@@ -157,8 +138,10 @@ class ControlIntegration : public ::testing::Test {
     };
   }
 
-  std::string root_;
-  std::string path_;
+  TempDir dir_;
+  std::string const root_ = dir_.path();
+  // The server is to create the socket's directory.
+  std::string const path_ = root_ + "/run/filerep.sock";
   std::vector<json> handled_;
   std::size_t descriptorsBefore_ = 0;
 };
@@ -175,7 +158,7 @@ TEST_F(ControlIntegration, RoundTripsRequestsOnAPrivateSocket) {
   EXPECT_EQ(st.st_mode & 07777, 0700u);
 
   Outcome status = exchange(path_, {{"command", "status"}});
-  EXPECT_EQ(status.error, "no error");
+  EXPECT_EQ(status.error, "no exception");
   EXPECT_EQ(status.reply, (json{{"ok", true}, {"requesters", json::object()}}));
 
   Outcome replicate = exchange(path_, {{"command", "replicate"}, {"requester", "r1"}});
@@ -195,7 +178,7 @@ TEST_F(ControlIntegration, RoundTripsRequestsOnAPrivateSocket) {
   }
   Agent::ControlServer big(root_ + "/big.sock", [&](json const&) -> json { return {{"files", files}}; });
   Outcome large = exchange(big.socketPath(), {{"command", "status"}});
-  EXPECT_EQ(large.error, "no error");
+  EXPECT_EQ(large.error, "no exception");
   EXPECT_EQ(large.reply["files"], files);
 
   EXPECT_EQ(server->connectionsAccepted(), 4u);

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "agent/StatusView.h"
+#include "tests/support/WhatOf.h"
 
 namespace {
 
@@ -88,12 +89,7 @@ TEST_F(StatusViewTest, EscapesNamesThatCouldBreakTheTable) {
 
 TEST_F(StatusViewTest, RejectsWhatIsNotAStatus) {
   auto const problem = [](json const& status) {
-    try {
-      Agent::statusTable(status, now);
-    } catch (std::runtime_error const& e) {
-      return std::string(e.what());
-    }
-    return std::string("no error");
+    return whatOf<std::runtime_error>([&] { Agent::statusTable(status, now); });
   };
   EXPECT_EQ(problem(json{{"ok", true}}), "malformed status: the reply needs \"requesters\" as an object");
   EXPECT_EQ(problem(json::array()), "malformed status: the reply needs \"requesters\" as an object");

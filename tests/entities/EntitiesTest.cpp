@@ -6,29 +6,16 @@
 #include "entities/Config.h"
 #include "entities/Status.h"
 #include "runtime/Exception.h"
+#include "tests/entities/RequesterLog.h"
 
 namespace FileReplication {
 namespace {
 
-class RequesterLog : public RequesterConfig::NotifieeConst {
- public:
-  void onFile(Kel::Name n) override { log.push_back("file " + n.str()); }
-  void onFile() override { log.push_back("files"); }
-  void onEnabled() override { log.push_back("enabled"); }
-  void onRemoteHost(Kel::String h) override { log.push_back("host " + h.str()); }
-  void onRemoteHost() override { log.push_back("hosts"); }
-  void onReplicationTimeout() override { log.push_back("replicationTimeout"); }
-  void onPeriod() override { log.push_back("period"); }
-  void onRetryInterval() override { log.push_back("retryInterval"); }
-  void onSyncErrorThreshold() override { log.push_back("syncErrorThreshold"); }
-  void onRemoteHostReplicationDelay() override { log.push_back("remoteHostReplicationDelay"); }
-  std::vector<std::string> log;
-};
-
 TEST(EntitiesTest, RequesterConfigNotifiesEachRealChangeOnce) {
   auto rc = RequesterConfig::RequesterConfigIs("r", RequesterConfig::inotify);
-  Kel::Ptr<RequesterLog> log(new RequesterLog);
-  log->notifierIs(rc);
+  std::vector<std::string> log;
+  Kel::Ptr<RequesterLog> logger(new RequesterLog(log));
+  logger->notifierIs(rc);
   rc->enabledIs(true);
   rc->enabledIs(true);
   rc->periodIs(60);  // the default: no change
@@ -48,10 +35,10 @@ TEST(EntitiesTest, RequesterConfigNotifiesEachRealChangeOnce) {
   rc->remoteHostDel("h1");
   rc->remoteHostDelAll();
   rc->fileDelAll();
-  EXPECT_EQ((std::vector<std::string>{"enabled", "period", "replicationTimeout", "retryInterval",
-                                      "syncErrorThreshold", "remoteHostReplicationDelay", "file /a", "file /c",
-                                      "file /a", "host h1", "host h2", "host h1", "hosts", "files"}),
-            log->log);
+  EXPECT_EQ((std::vector<std::string>{"r enabled", "r period", "r replicationTimeout", "r retryInterval",
+                                      "r syncErrorThreshold", "r remoteHostReplicationDelay", "r file /a", "r file /c",
+                                      "r file /a", "r host h1", "r host h2", "r host h1", "r hosts", "r files"}),
+            log);
   EXPECT_EQ(0u, rc->files());
   EXPECT_EQ(RequesterConfig::inotify, rc->mode());
 }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "runtime/Morlix.h"
+#include "tests/support/TestFiles.h"
 
 namespace {
 
@@ -24,9 +25,8 @@ TEST(AssertIntegration, FailurePrintsTheExpressionAndPlaceRecordsItAndAborts) {
   EXPECT_DEATH(KEL_ASSERT(!requesterConfigSm( name )),
                "Assertion failed: !requesterConfigSm\\( name \\) \\(AssertTest\\.cpp:[0-9]+\\)");
 
-  std::string dir = testing::TempDir() + "assert-XXXXXX";
-  ASSERT_NE(mkdtemp(dir.data()), nullptr);
-  std::string ring = dir + "/ring";
+  TempDir dir;
+  std::string const ring = dir / "ring";
   EXPECT_EXIT(
       {
         Morlix::open(ring, 8192);
@@ -40,7 +40,6 @@ TEST(AssertIntegration, FailurePrintsTheExpressionAndPlaceRecordsItAndAborts) {
   EXPECT_EQ(snapshot.records[1].facility, "Assert");
   EXPECT_EQ(snapshot.records[1].level, 0);
   EXPECT_EQ(snapshot.records[1].message.rfind("Assertion failed: 1 + 1 == 3 (AssertTest.cpp:", 0), 0u);
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

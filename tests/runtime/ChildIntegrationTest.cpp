@@ -1,4 +1,3 @@
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include "runtime/ActivityManager.h"
 #include "runtime/ChildManager.h"
 #include "runtime/ChildSiginfo.h"
+#include "tests/support/TestProcess.h"
 
 namespace Kel {
 namespace {
@@ -40,14 +40,6 @@ std::string readAll(int fd) {
   while ((n = ::read(fd, buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<std::size_t>(n));
   ::close(fd);
   return text;
-}
-
-std::size_t openDescriptors() {
-  DIR* dir = ::opendir("/proc/self/fd");
-  std::size_t count = 0;
-  while (dirent* entry = ::readdir(dir)) count += entry->d_name[0] != '.';
-  ::closedir(dir);
-  return count;
 }
 
 bool anyChildLeft() {
@@ -155,38 +147,6 @@ TEST(ChildIntegration, ChildNeitherInheritsBlockedNorIgnoredSignals) {
   EXPECT_EQ(terminated->exitStatus(), SIGTERM);
   EXPECT_EQ(interrupted->signalCode(), ChildSiginfo::killed);
   EXPECT_EQ(interrupted->exitStatus(), SIGINT);
-}
-
-TEST(ChildIntegration, LimitStartsWaitingChildrenInOrder) {
-  ChildManager& children = activityManager()->children();
-  MaxRunning limit(2);
-  std::vector<Ptr<ChildSiginfo>> sleepers;
-  for (int i = 0; i < 5; ++i) sleepers.push_back(runArgs({"sleep", "30"}));
-  EXPECT_GT(sleepers[0]->pid(), 0);
-  EXPECT_GT(sleepers[1]->pid(), 0);
-  for (int i = 2; i < 5; ++i) EXPECT_EQ(sleepers[i]->pid(), 0);
-  EXPECT_EQ(children.running(), 2u);
-  EXPECT_EQ(children.waiting(), 3u);
-
-  sleepers[1]->kill(SIGKILL);
-  ASSERT_TRUE(waitEnd({sleepers[1]}));
-  EXPECT_GT(sleepers[2]->pid(), 0);
-  EXPECT_EQ(sleepers[3]->pid(), 0);
-  sleepers[0]->kill(SIGKILL);
-  ASSERT_TRUE(waitEnd({sleepers[0]}));
-  EXPECT_GT(sleepers[3]->pid(), 0);
-  EXPECT_EQ(sleepers[4]->pid(), 0);
-
-  sleepers[4]->kill(SIGTERM);
-  EXPECT_EQ(children.waiting(), 0u);
-  EXPECT_EQ(sleepers[4]->signalCode(), ChildSiginfo::notEnded);
-  sleepers[2]->kill(SIGKILL);
-  sleepers[3]->kill(SIGKILL);
-  ASSERT_TRUE(waitEnd(sleepers));
-  EXPECT_EQ(sleepers[4]->signalCode(), ChildSiginfo::killed);
-  EXPECT_EQ(sleepers[4]->exitStatus(), SIGTERM);
-  EXPECT_EQ(sleepers[4]->pid(), 0);
-  EXPECT_EQ(children.running(), 0u);
 }
 
 TEST(ChildIntegration, LeavesNoZombieAndNoDescriptor) {

@@ -322,23 +322,5 @@ TEST(ClockIntegration, WallClockStepNeitherFiresNorStallsAPendingTimer) {
   EXPECT_EQ(clock->armedTimers(), 0u);
 }
 
-TEST(ClockIntegration, RealTimeTimerStopsTheLoopThroughRun) {
-  Ptr<Clock> clock = activityManager()->clock();
-  ASSERT_FALSE(clock->manualTime());
-  EventLoop& loop = activityManager()->loop();
-  std::vector<Firing> fired;
-  auto timer = Timer::TimerIs(clock, &fired, 1);
-  auto guard = Timer::TimerIs(clock, &fired, 2);
-  timer->onFire = [&] { loop.stop(); };
-  guard->onFire = [&] { loop.stop(); };
-  timer->timeMinIs(clock->now() + 0.05);
-  guard->timeMinIs(clock->now() + 10);
-  loop.run();
-  ASSERT_EQ(fired.size(), 1u);
-  EXPECT_EQ(fired[0].id, 1);
-  guard = nullptr;
-  EXPECT_EQ(clock->armedTimers(), 0u);
-}
-
 }  // namespace
 }  // namespace Kel

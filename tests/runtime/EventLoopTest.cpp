@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "runtime/ActivityManager.h"
+#include "tests/support/Pipe.h"
 
 namespace Kel {
 namespace {
@@ -19,17 +20,11 @@ double steadySeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-struct Pipe {
-  Pipe() {
-    if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
-  }
-  ~Pipe() {
-    close(fds[0]);
-    close(fds[1]);
-  }
-  int readEnd() const { return fds[0]; }
-  void put(char const* text) const { ASSERT_GT(write(fds[1], text, strlen(text)), 0); }
-  int fds[2];
+// A timer that runs action when it fires.
+class Timer : public Clock::Notifiee {
+ public:
+  std::function<void()> action;
+  void onTime() override { action(); }
 };
 
 class Recorder final : public EventLoop::Source {
@@ -149,13 +144,7 @@ TEST(EventLoopIntegration, TimerDeletingAReadySourceComesFirst) {
   pipe.put("x");
   Recorder source;
   loop.sourceIs(pipe.readEnd(), &source);
-
-  class Deleter : public Clock::Notifiee {
-   public:
-    std::function<void()> action;
-    void onTime() override { action(); }
-  };
-  Ptr<Deleter> deleter = new Deleter();
+  Ptr<Timer> deleter = new Timer();
   bool fired = false;
   deleter->action = [&] {
     fired = true;
@@ -175,11 +164,6 @@ TEST(EventLoopIntegration, ManualTimersFireInTheTurnAndOnesArmedThenOnTheNext) {
   EventLoop& loop = activityManager()->loop();
   clock->manualTimeIs(true);
   std::vector<int> fired;
-  class Timer : public Clock::Notifiee {
-   public:
-    std::function<void()> action;
-    void onTime() override { action(); }
-  };
   Ptr<Timer> a = new Timer();
   Ptr<Timer> b = new Timer();
   a->action = [&] {

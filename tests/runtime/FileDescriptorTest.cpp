@@ -10,23 +10,11 @@
 #include <stdexcept>
 
 #include "runtime/ActivityManager.h"
+#include "tests/support/Pipe.h"
 #include "runtime/Exception.h"
 
 namespace Kel {
 namespace {
-
-struct Pipe {
-  Pipe() {
-    if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
-  }
-  ~Pipe() {
-    close(fds[0]);
-    close(fds[1]);
-  }
-  int readEnd() const { return fds[0]; }
-  void put(char const* text) const { ASSERT_EQ(write(fds[1], text, strlen(text)), static_cast<ssize_t>(strlen(text))); }
-  int fds[2];
-};
 
 class Reader : public FileDescriptor::Notifiee {
  public:

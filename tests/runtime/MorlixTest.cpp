@@ -13,6 +13,8 @@
 #include <fstream>
 #include <string>
 
+#include "tests/support/TestFiles.h"
+
 namespace {
 
 using testing::HasSubstr;
@@ -39,16 +41,7 @@ TEST(MorlixTest, FormatLineWritesUtcTimeFacilityLevelAndMessage) {
 
 class MorlixIntegration : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = testing::TempDir() + "morlix-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-    path_ = dir_ + "/ring";
-  }
-  void TearDown() override {
-    Morlix::close();
-    std::filesystem::remove_all(dir_);
-  }
+  void TearDown() override { Morlix::close(); }
 
   void overwrite(std::size_t offset, std::string const& bytes) {
     int fd = open(path_.c_str(), O_WRONLY | O_CLOEXEC);
@@ -73,8 +66,8 @@ class MorlixIntegration : public testing::Test {
     return "no error";
   }
 
-  std::string dir_;
-  std::string path_;
+  TempDir dir_;
+  std::string const path_ = dir_ / "ring";
 };
 
 // Parses the number a record's message starts with.
@@ -135,8 +128,8 @@ TEST_F(MorlixIntegration, OpenContinuesARingOfTheSameSizeAndReplacesAnythingElse
 
   EXPECT_THAT([&] { Morlix::open(path_, 100); },
               testing::ThrowsMessage<Morlix::Error>(HasSubstr("ring size 100 is outside 4096")));
-  EXPECT_THAT([&] { Morlix::open(dir_ + "/missing/ring", 8192); },
-              testing::ThrowsMessage<Morlix::Error>(HasSubstr(dir_ + "/missing/ring: No such file or directory")));
+  EXPECT_THAT([&] { Morlix::open(dir_ / "missing/ring", 8192); },
+              testing::ThrowsMessage<Morlix::Error>(HasSubstr(dir_ / "missing/ring: No such file or directory")));
 }
 
 // The records of one writer's run, numbered from 0 up: consecutive and whole.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "runtime/Exception.h"
+#include "tests/support/WhatOf.h"
 
 namespace {
 
@@ -57,12 +58,7 @@ TEST(PtrTest, SelfAssignmentAndSwapKeepTheObject) {
 TEST(PtrTest, ValidPtrRejectsNull) {
   int destroyed = 0;
   Kel::Ptr<Counted> null;
-  try {
-    Kel::ValidPtr<Counted> v(null);
-    FAIL() << "no exception";
-  } catch (Kel::RangeException const& e) {
-    EXPECT_STREQ("null ValidPtr", e.what());
-  }
+  EXPECT_EQ("null ValidPtr", whatOf<Kel::RangeException>([&] { Kel::ValidPtr<Counted> v(null); }));
   Kel::ValidPtr<Counted> ok(new Counted(&destroyed));
   EXPECT_EQ(1u, ok->references());
 }

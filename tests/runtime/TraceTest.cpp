@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "runtime/Morlix.h"
+#include "tests/support/TestFiles.h"
 
 extern char** environ;
 
@@ -172,18 +173,12 @@ TEST_F(TraceTest, StatementKeepsErrno) {
 
 class TraceIntegration : public TraceTest {
  protected:
-  void SetUp() override {
-    TraceTest::SetUp();
-    std::string pattern = testing::TempDir() + "trace-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
   void TearDown() override {
     Morlix::close();
-    std::filesystem::remove_all(dir_);
     TraceTest::TearDown();
   }
-  std::string dir_;
+  TempDir tmp_;
+  std::string const dir_ = tmp_.path();
 };
 
 TEST_F(TraceIntegration, EveryStatementGoesToMorlixWhileItIsOpen) {

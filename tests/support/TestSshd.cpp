@@ -1,11 +1,12 @@
 #include "tests/support/TestSshd.h"
 
+#include "tests/support/TestProcess.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -22,8 +23,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <vector>
-
-extern char** environ;
 
 namespace {
 
@@ -50,32 +49,9 @@ class Descriptor {
   int fd_;
 };
 
-pid_t spawn(std::vector<std::string> const& argv, int stderrFd) {
-  std::vector<char*> args;
-  for (auto const& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-  args.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  if (stderrFd >= 0) posix_spawn_file_actions_adddup2(&actions, stderrFd, STDERR_FILENO);
-  pid_t pid = -1;
-  int const error = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (error != 0) throw systemError("cannot start " + argv[0], error);
-  return pid;
-}
-
-int reap(pid_t pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) throw systemError("waitpid");
-  }
-  return status;
-}
-
 void makeKey(std::string const& file) {
-  if (reap(spawn({"/usr/bin/ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", file}, -1)) != 0) {
+  std::vector<std::string> const argv = {"/usr/bin/ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", file};
+  if (exitCode(spawnProcess(argv, {}, "", -1, -1)) != 0) {
     throw std::runtime_error("ssh-keygen failed for " + file);
   }
 }
@@ -112,40 +88,25 @@ int milliSecondsUntil(std::chrono::steady_clock::time_point deadline) {
   return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
 
-void writeText(std::string const& file, std::string const& text) {
-  std::ofstream out(file, std::ios::trunc);
-  out << text;
-  if (!out.flush()) throw std::runtime_error("cannot write " + file);
-}
-
 }  // namespace
 
 TestSshd::TestSshd() {
-  std::string pattern = "/tmp/test-sshd.XXXXXX";
-  if (!mkdtemp(pattern.data())) throw systemError("mkdtemp");
-  directory_ = pattern;
-  try {
-    makeKey(path("host_key"));
-    makeKey(path("client_key"));
-    std::filesystem::copy_file(path("client_key.pub"), path("authorized_keys"));
-    port_ = freePort();
-    writeText(path("sshd_config"),
-              "ListenAddress 127.0.0.1\n"
-              "Port " + std::to_string(port_) + "\n"
-              "HostKey " + path("host_key") + "\n"
-              "AuthorizedKeysFile " + path("authorized_keys") + "\n"
-              "PidFile " + path("sshd.pid") + "\n"
-              "UsePAM no\n"
-              "StrictModes no\n"
-              "PasswordAuthentication no\n"
-              "KbdInteractiveAuthentication no\n"
-              "PermitRootLogin yes\n");
-    start();
-  } catch (...) {
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_, ignored);
-    throw;
-  }
+  makeKey(path("host_key"));
+  makeKey(path("client_key"));
+  std::filesystem::copy_file(path("client_key.pub"), path("authorized_keys"));
+  port_ = freePort();
+  writeFile(path("sshd_config"),
+            "ListenAddress 127.0.0.1\n"
+            "Port " + std::to_string(port_) + "\n"
+            "HostKey " + path("host_key") + "\n"
+            "AuthorizedKeysFile " + path("authorized_keys") + "\n"
+            "PidFile " + path("sshd.pid") + "\n"
+            "UsePAM no\n"
+            "StrictModes no\n"
+            "PasswordAuthentication no\n"
+            "KbdInteractiveAuthentication no\n"
+            "PermitRootLogin yes\n");
+  start();
 }
 
 TestSshd::~TestSshd() {
@@ -155,8 +116,6 @@ TestSshd::~TestSshd() {
     // Nothing more to do for a server that will not go; the directory goes
     // anyway.
   }
-  std::error_code ignored;
-  std::filesystem::remove_all(directory_, ignored);
 }
 
 std::string TestSshd::rsyncRsh() const {
@@ -167,12 +126,7 @@ std::string TestSshd::rsyncRsh() const {
          " -o LogLevel=ERROR";
 }
 
-std::string TestSshd::log() const {
-  std::ifstream in(path("sshd.log"));
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+std::string TestSshd::log() const { return readFile(path("sshd.log")); }
 
 void TestSshd::start() {
   if (running()) return;
@@ -182,12 +136,12 @@ void TestSshd::start() {
   unlink(path("sshd.pid").c_str());
   Descriptor logFd(open(path("sshd.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
   if (logFd.get() < 0) throw systemError("open " + path("sshd.log"));
-  pid_ = spawn({sshdProgram, "-D", "-e", "-f", path("sshd_config")}, logFd.get());
+  pid_ = spawnProcess({sshdProgram, "-D", "-e", "-f", path("sshd_config")}, {}, "", -1, logFd.get());
   pidFd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
   if (pidFd_ < 0) {
     int const error = errno;
     kill(pid_, SIGKILL);
-    reap(pid_);
+    exitCode(pid_);
     pid_ = -1;
     throw systemError("pidfd_open", error);
   }
@@ -204,7 +158,7 @@ void TestSshd::start() {
 void TestSshd::awaitListening() {
   Descriptor inotifyFd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
   if (inotifyFd.get() < 0) throw systemError("inotify_init1");
-  if (inotify_add_watch(inotifyFd.get(), directory_.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO) < 0) {
+  if (inotify_add_watch(inotifyFd.get(), directory_.path().c_str(), IN_CLOSE_WRITE | IN_MOVED_TO) < 0) {
     throw systemError("inotify_add_watch");
   }
   auto const deadline = std::chrono::steady_clock::now() + guard;
@@ -232,7 +186,7 @@ void TestSshd::stop() {
   while (poll(&ended, 1, milliSecondsUntil(std::chrono::steady_clock::now() + guard)) < 0 && errno == EINTR) {
   }
   if (ended.revents == 0) kill(pid_, SIGKILL);
-  reap(pid_);
+  exitCode(pid_);
   close(pidFd_);
   pid_ = -1;
   pidFd_ = -1;

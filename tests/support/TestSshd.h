@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "tests/support/TestFiles.h"
+
 // An sshd of the test's own on 127.0.0.1, on a free high port, with host and
 // client keys made for it in a temporary directory. It reads nothing of the
 // machine's ssh setup and changes nothing outside that directory but
@@ -31,15 +33,15 @@ class TestSshd {
   // The ssh command that reaches this server, for $RSYNC_RSH.
   std::string rsyncRsh() const;
   // The temporary directory; tests may keep their own files in it.
-  std::string const& directory() const { return directory_; }
+  std::string const& directory() const { return directory_.path(); }
   // What sshd logged so far, for failure messages.
   std::string log() const;
 
  private:
-  std::string path(char const* name) const { return directory_ + "/" + name; }
+  std::string path(char const* name) const { return directory_ / name; }
   void awaitListening();
 
-  std::string directory_;
+  TempDir directory_;
   int port_ = 0;
   pid_t pid_ = -1;
   int pidFd_ = -1;

@@ -5,7 +5,7 @@
 #include <sstream>
 #include <stdexcept>
 
-FakeSsh::FakeSsh(const TemporaryDirectory& directory)
+FakeSsh::FakeSsh(const TempDir& directory)
     : script_(directory / "fake-ssh"), root_(directory / "hosts"), log_(directory / "ssh.log") {
   // The temporary directory's name needs no quoting inside double quotes.
   writeFile(script_, R"(#!/bin/sh

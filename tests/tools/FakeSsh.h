@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/tools/TestFiles.h"
+#include "tests/support/TestFiles.h"
 
 // A stand-in for ssh, for $RSYNC_RSH: it runs the remote command on this
 // machine through sh -c as sshd would, in hosts/<host>/ as the "home
@@ -11,7 +11,7 @@
 // host ending in ".invalid" fails the way ssh does for an unknown name.
 class FakeSsh {
  public:
-  explicit FakeSsh(const TemporaryDirectory& directory);
+  explicit FakeSsh(const TempDir& directory);
 
   // The environment entry that makes Replicate use it.
   std::string environment() const { return "RSYNC_RSH=" + script_; }

@@ -5,13 +5,13 @@
 #include <gtest/gtest.h>
 
 #include "tests/tools/FakeSsh.h"
-#include "tests/tools/ReplicateProcess.h"
-#include "tests/tools/TestFiles.h"
+#include "tests/support/TestProcess.h"
+#include "tests/support/TestFiles.h"
 
 // The library's time-out kills only Replicate itself; rsync and the remote
 // shell it started must not outlive it.
 TEST(ReplicateKillIntegration, KilledMidCopyLeavesNoProcessBehind) {
-  TemporaryDirectory directory;
+  TempDir directory;
   const FakeSsh ssh(directory);
   // At 10 kB/s this takes 100 s, far longer than drain() waits.
   writeFile(directory / "large", std::string(1'000'000, 'x'));
@@ -21,7 +21,8 @@ TEST(ReplicateKillIntegration, KilledMidCopyLeavesNoProcessBehind) {
   for (const bool remote : {false, true}) {
     std::vector<std::string> arguments = copy;
     if (remote) arguments.insert(arguments.end(), {"--remoteHosts", "alpha"});
-    ReplicateProcess replicate(arguments, directory.path(), {ssh.environment()});
+    arguments.insert(arguments.begin(), REPLICATE_PROGRAM);
+    TestProcess replicate(arguments, {ssh.environment()}, directory.path());
     ASSERT_TRUE(replicate.awaitOutput()) << replicate.err();
     ASSERT_EQ(kill(replicate.pid(), SIGKILL), 0);
     const int status = replicate.wait();

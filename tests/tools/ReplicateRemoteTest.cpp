@@ -3,7 +3,7 @@
 
 #include "tests/tools/FakeSsh.h"
 #include "tests/tools/ReplicateProcess.h"
-#include "tests/tools/TestFiles.h"
+#include "tests/support/TestFiles.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -17,7 +17,7 @@ const std::string hosts = "alpha, nonexistent.invalid,,user@beta,[::1]";
 }  // namespace
 
 TEST(ReplicateRemoteIntegration, CopiesAndDeletesOnEveryHostAndNamesTheOnesThatFail) {
-  TemporaryDirectory directory;
+  TempDir directory;
   const FakeSsh ssh(directory);
   const std::string pwned = directory / "pwned";
   // Reaches the remote side through rsync's protocol for the copy, and
@@ -25,11 +25,11 @@ TEST(ReplicateRemoteIntegration, CopiesAndDeletesOnEveryHostAndNamesTheOnesThatF
   const std::string target = "new dir/it's \"$(touch " + pwned + ")\";touch " + pwned + "\n`touch " + pwned + "`";
   writeFile(directory / "source", "content");
 
-  ReplicateResult result =
+  ProcessResult result =
       runReplicate({"--cmd", "rsyncFile", "--remoteHosts", hosts, "--source", "source", "--target", target,
                     "--rsyncOptions", "-a '--exclude=$(touch " + pwned + ")'"},
                    directory.path(), {ssh.environment()});
-  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.status, 1);
   // rsync says 255 or 12 depending on whether it sees the remote shell end
   // or the stream break first.
   EXPECT_THAT(result.err, MatchesRegex(".*\nReplicate: host nonexistent\\.invalid: rsync failed with exit code "
@@ -42,7 +42,7 @@ TEST(ReplicateRemoteIntegration, CopiesAndDeletesOnEveryHostAndNamesTheOnesThatF
 
   result = runReplicate({"--cmd", "deleteFile", "--remoteHosts", hosts, "--target", target}, directory.path(),
                         {ssh.environment()});
-  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.err, HasSubstr("Replicate: host nonexistent.invalid: the remote shell failed with exit code 255"));
   for (const char* host : {"alpha", "beta", "::1"}) {
     EXPECT_FALSE(exists(ssh.home(host) + "/" + target)) << host;
@@ -52,10 +52,10 @@ TEST(ReplicateRemoteIntegration, CopiesAndDeletesOnEveryHostAndNamesTheOnesThatF
   // Already gone counts as deleted; a directory does not.
   result = runReplicate({"--cmd", "deleteFile", "--remoteHosts", "alpha,beta", "--target", target},
                         directory.path(), {ssh.environment()});
-  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_EQ(result.status, 0) << result.err;
   result = runReplicate({"--cmd", "deleteFile", "--remoteHosts", "alpha", "--target", "new dir"}, directory.path(),
                         {ssh.environment()});
-  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.err, HasSubstr("Replicate: host alpha: rm failed on the remote host with exit code 1"));
   EXPECT_TRUE(exists(ssh.home("alpha") + "/new dir"));
 

@@ -5,7 +5,7 @@
 
 #include "tests/support/TestSshd.h"
 #include "tests/tools/ReplicateProcess.h"
-#include "tests/tools/TestFiles.h"
+#include "tests/support/TestFiles.h"
 
 using testing::HasSubstr;
 
@@ -14,16 +14,16 @@ namespace {
 // The remote side is this machine, reached through a real sshd, so the
 // remote names are local absolute paths.
 TEST(ReplicateSshE2e, CopiesIntoNewDirectoriesAndNamesTheHostWhenSshdIsDown) {
-  TemporaryDirectory directory;
+  TempDir directory;
   TestSshd sshd;
   const std::vector<std::string> environment = {"RSYNC_RSH=" + sshd.rsyncRsh()};
   writeFile(directory / "source", "first");
   const std::string target = directory / "made/on the/remote side/file";
 
-  ReplicateResult result = runReplicate({"--cmd", "rsyncFile", "--remoteHosts", "localhost", "--source", "source",
+  ProcessResult result = runReplicate({"--cmd", "rsyncFile", "--remoteHosts", "localhost", "--source", "source",
                                          "--target", target, "--rsyncOptions", "-a"},
                                         directory.path(), environment);
-  ASSERT_EQ(result.exitCode, 0) << result.err << sshd.log();
+  ASSERT_EQ(result.status, 0) << result.err << sshd.log();
   EXPECT_EQ(readFile(target), "first");
 
   // The same size again: rsync must not skip it for an equal size and time.
@@ -31,30 +31,30 @@ TEST(ReplicateSshE2e, CopiesIntoNewDirectoriesAndNamesTheHostWhenSshdIsDown) {
   result = runReplicate({"--cmd", "rsyncFile", "--remoteHosts", "root@localhost", "--source", "source", "--target",
                          target, "--rsyncOptions", "-a"},
                         directory.path(), environment);
-  ASSERT_EQ(result.exitCode, 0) << result.err;
+  ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(readFile(target), "secnd");
 
   sshd.stop();
   result = runReplicate({"--cmd", "rsyncFile", "--remoteHosts", "localhost", "--source", "source", "--target",
                          target, "--rsyncOptions", "-a"},
                         directory.path(), environment);
-  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.err, HasSubstr("Replicate: host localhost: rsync failed"));
   result = runReplicate({"--cmd", "deleteFile", "--remoteHosts", "localhost", "--target", target},
                         directory.path(), environment);
-  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.err, HasSubstr("Replicate: host localhost: the remote shell failed with exit code 255"));
   EXPECT_EQ(readFile(target), "secnd");
 
   sshd.start();
   result = runReplicate({"--cmd", "deleteFile", "--remoteHosts", "localhost", "--target", target},
                         directory.path(), environment);
-  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_FALSE(exists(target));
 }
 
 TEST(ReplicateSshE2e, PassesAnyNameIntactAndRunsNothingAsCode) {
-  TemporaryDirectory directory;
+  TempDir directory;
   TestSshd sshd;
   const std::vector<std::string> environment = {"RSYNC_RSH=" + sshd.rsyncRsh()};
   // A file name holds no '/', so the source name's commands would leave
@@ -67,15 +67,15 @@ TEST(ReplicateSshE2e, PassesAnyNameIntactAndRunsNothingAsCode) {
   const std::string target =
       directory / ("dir $(touch " + canary + ");touch " + canary + "\n`touch " + canary + "`/") + name;
 
-  ReplicateResult result = runReplicate({"--cmd", "rsyncFile", "--remoteHosts", "localhost", "--source", name,
+  ProcessResult result = runReplicate({"--cmd", "rsyncFile", "--remoteHosts", "localhost", "--source", name,
                                          "--target", target, "--rsyncOptions", "-a"},
                                         directory.path(), environment);
-  ASSERT_EQ(result.exitCode, 0) << result.err << sshd.log();
+  ASSERT_EQ(result.status, 0) << result.err << sshd.log();
   EXPECT_EQ(readFile(target), "odd");
 
   result = runReplicate({"--cmd", "deleteFile", "--remoteHosts", "localhost", "--target", target},
                         directory.path(), environment);
-  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_FALSE(exists(target));
   EXPECT_TRUE(exists(directory / name)) << "the source stays";
   EXPECT_FALSE(exists(canary));

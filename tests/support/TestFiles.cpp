@@ -1,7 +1,6 @@
-#include "tests/tools/TestFiles.h"
+#include "tests/support/TestFiles.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -9,31 +8,35 @@
 #include <sstream>
 #include <stdexcept>
 
-TemporaryDirectory::TemporaryDirectory() {
-  std::string pattern = "/tmp/replicate-test.XXXXXX";
+TempDir::TempDir() {
+  std::string pattern = "/tmp/filerep-test.XXXXXX";
   if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
   path_ = pattern;
 }
 
-TemporaryDirectory::~TemporaryDirectory() {
+TempDir::~TempDir() {
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
 }
 
-void writeFile(const std::string& path, const std::string& content) {
+void writeFile(std::string const& path, std::string const& content) {
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
   file << content;
   if (!file.flush()) throw std::runtime_error("cannot write " + path);
 }
 
-std::string readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
+void replaceFile(std::string const& path, std::string const& content) {
+  writeFile(path + ".new", content);
+  std::filesystem::rename(path + ".new", path);
+}
+
+std::string readFile(std::string const& path) {
   std::ostringstream content;
-  content << file.rdbuf();
+  content << std::ifstream(path, std::ios::binary).rdbuf();
   return content.str();
 }
 
-bool exists(const std::string& path) {
+bool exists(std::string const& path) {
   struct stat status {};
   return lstat(path.c_str(), &status) == 0;
 }
