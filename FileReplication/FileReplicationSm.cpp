@@ -4,7 +4,9 @@
 
 #include "FileReplication/InotifyModeSm.h"
 #include "FileReplication/PeriodicModeSm.h"
+#include "FileReplication/ReplicateBatcher.h"
 #include "runtime/ActivityManager.h"
+#include "runtime/ChildManager.h"
 #include "runtime/Assert.h"
 #include "runtime/Exception.h"
 #include "runtime/Trace.h"
@@ -319,6 +321,8 @@ void ConfigSm::zombieReactorsDel() {
 }
 
 Kel::Ptr<ConfigSm> configSmFactory(Kel::Ptr<Config const> config, Kel::Ptr<Status> status) {
+  // Requesters that allow more than one file per run get their copies merged.
+  Kel::activityManager()->children().batcherIs(&ReplicateBatcher::instance());
   return ConfigSm::ConfigSmIs(std::move(config), std::move(status));
 }
 

@@ -6,6 +6,7 @@
 
 #include <memory>
 
+#include "runtime/ChildLauncher.h"
 #include "runtime/Trace.h"
 
 KEL_TRACE_FACILITY("FileReplicationUtils")
@@ -15,18 +16,20 @@ namespace FileReplication {
 namespace Commands {
 
 Kel::Ptr<Kel::ChildSiginfo const> rsyncFile(Kel::String8 remoteHostsString, Kel::String8 source, Kel::String8 target,
-                                            Kel::String8 rsyncOptions) {
+                                            Kel::String8 rsyncOptions, std::uint32_t maxFilesPerRun) {
+  Kel::ChildSetup setup;
+  setup.batchLimit = maxFilesPerRun;
   KEL_TRACE(6, "rsycnFile remoteHostsString:" << remoteHostsString << " source:" << source << " target:" << target
                                                << " rsyncOptions: " << rsyncOptions);
   if (remoteHostsString != "") {
     char const* argv[] = {"Replicate", "--cmd",    "rsyncFile",         "--remoteHosts",
                           remoteHostsString.charPtr(), "--source", source.charPtr(), "--target",
                           target.charPtr(),            "--rsyncOptions", rsyncOptions.charPtr(), nullptr};
-    return Kel::run(argv, -1, -1, -1, -1);
+    return Kel::run(argv, setup);
   }
   char const* argv[] = {"Replicate",       "--cmd",          "rsyncFile", "--source", source.charPtr(), "--target",
                         target.charPtr(), "--rsyncOptions", rsyncOptions.charPtr(), nullptr};
-  return Kel::run(argv, -1, -1, -1, -1);
+  return Kel::run(argv, setup);
 }
 
 Kel::Ptr<Kel::ChildSiginfo const> deleteFile(Kel::String8 remoteHostsString, Kel::String8 target) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 #include "runtime/ChildSiginfo.h"
 #include "runtime/Ptr.h"
 #include "runtime/String.h"
@@ -11,8 +13,10 @@ namespace FileReplication {
 // no shell is involved.
 namespace Commands {
 
+// Up to maxFilesPerRun copies due together may be merged into one Replicate
+// process (see ReplicateBatcher); each still ends with its own outcome.
 Kel::Ptr<Kel::ChildSiginfo const> rsyncFile(Kel::String8 remoteHostsString, Kel::String8 source, Kel::String8 target,
-                                            Kel::String8 rsyncOptions);
+                                            Kel::String8 rsyncOptions, std::uint32_t maxFilesPerRun = 1);
 Kel::Ptr<Kel::ChildSiginfo const> deleteFile(Kel::String8 remoteHostsString, Kel::String8 target);
 
 }  // namespace Commands

@@ -59,6 +59,7 @@ class ReplicationSm::KelReplicationCmd : public Kel::ChildSiginfo::NotifieeConst
   explicit KelReplicationCmd(ReplicationSm* sm) : sm_(sm) {}
   void onNotifier() override { sm_->handleReplicationCmdSignalCode(); }
   void onSignalCode() override { sm_->handleReplicationCmdSignalCode(); }
+  void onPid() override { sm_->handleReplicationCmdPid(); }
 
  private:
   ReplicationSm* sm_;
@@ -118,6 +119,7 @@ Kel::String8 ReplicationSm::remoteHostsString() const { return requesterConfig_-
 bool ReplicationSm::enabled() const { return requesterConfig_->enabled(); }
 double ReplicationSm::replicationTimeout() const { return requesterConfig_->replicationTimeout(); }
 double ReplicationSm::retryInterval() const { return requesterConfig_->retryInterval(); }
+std::uint32_t ReplicationSm::maxFilesPerRun() const { return requesterConfig_->maxFilesPerRun(); }
 
 double ReplicationSm::replicationTimeoutTime() const {
   return kelReplicationTimeoutClock_ ? kelReplicationTimeoutClock_->timeMin() : never;
@@ -236,15 +238,21 @@ void ReplicationSm::startReplication() {
   updateFileStatus(FileStatus::inProgress);
   SM_TRACE("hostsString=" << remoteHostsString() << " path=" << path() << " dstPath=" << dstPath()
                           << " rsyncOptions=" << rsyncOptions());
-  // Armed before the child starts, so time spent waiting for a slot counts.
-  startReplicationTimeoutClock();
   if (Utils::exists(path())) {
     SM_TRACE(": Syncing file");
-    replicationCmdIs(Commands::rsyncFile(remoteHostsString(), path(), dstPath(), rsyncOptions()));
+    replicationCmdIs(Commands::rsyncFile(remoteHostsString(), path(), dstPath(), rsyncOptions(), maxFilesPerRun()));
   } else {
     SM_TRACE(": Deleting file");
     replicationCmdIs(Commands::deleteFile(remoteHostsString(), dstPath()));
   }
+  // A child that waits for a slot is timed from when it starts.
+  handleReplicationCmdPid();
+}
+
+void ReplicationSm::handleReplicationCmdPid() {
+  if (!initialized_ || !replicationCmd_ || replicationCmd_->pid() == 0) return;
+  SM_TRACE_ENTRY();
+  startReplicationTimeoutClock();
 }
 
 void ReplicationSm::stopReplication() {

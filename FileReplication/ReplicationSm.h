@@ -51,6 +51,7 @@ class ReplicationSm : public Kel::Entity {
   bool enabled() const;
   double replicationTimeout() const;
   double retryInterval() const;
+  std::uint32_t maxFilesPerRun() const;
 
   // The pending times of the two timers (+infinity when disarmed).
   double replicationTimeoutTime() const;
@@ -78,6 +79,9 @@ class ReplicationSm : public Kel::Entity {
   void handleReplicationTimeout();
   void handleBackoffTimeout();
   void handleReplicationCmdSignalCode();
+  // The child has started: it may have waited for a slot, which the time-out
+  // does not count.
+  void handleReplicationCmdPid();
 
   // replicate, deleteFile, enableReplication and disableReplication.
   static Kel::NamedOperations<ReplicationSm> const& operations();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,9 @@ struct RequesterSettings {
   double retryInterval = 10;
   int syncErrorThreshold = 3;
   double remoteHostReplicationDelay = 5;
+  // Files due together share a Replicate run, up to this many; 1: each file
+  // runs alone.
+  std::uint32_t maxFilesPerRun = 1;
   std::vector<FileSettings> files;
   bool operator==(RequesterSettings const&) const = default;
 };

@@ -21,6 +21,7 @@ void scalarsIs(RequesterConfig& rc, RequesterSettings const& s) {
   rc.retryIntervalIs(s.retryInterval);
   rc.syncErrorThresholdIs(s.syncErrorThreshold);
   rc.remoteHostReplicationDelayIs(s.remoteHostReplicationDelay);
+  rc.maxFilesPerRunIs(s.maxFilesPerRun);
 }
 
 // New hosts go in before gone ones come out: a requester that swaps its only

@@ -37,6 +37,7 @@ constexpr std::string_view requesterKeys[] = {"mode",
                                               "retryInterval",
                                               "syncErrorThreshold",
                                               "remoteHostReplicationDelay",
+                                              "maxFilesPerRun",
                                               "files"};
 constexpr std::string_view fileKeys[] = {"path", "dstPath", "rsyncOptions"};
 
@@ -326,6 +327,13 @@ void Parser::parseRequester(std::string const& name, YAML::Node const& key, YAML
         r.syncErrorThreshold = *n;
       } else {
         error(at, k + " is " + describe(value) + "; expected a whole number >= 0");
+      }
+    } else if (k == "maxFilesPerRun") {
+      auto const n = readNumber<std::uint32_t>(value);
+      if (n && *n >= 1) {
+        r.maxFilesPerRun = *n;
+      } else {
+        error(at, k + " is " + describe(value) + "; expected a whole number >= 1");
       }
     } else {
       for (auto const& setting : timeSettings) {

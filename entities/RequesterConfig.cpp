@@ -1,5 +1,7 @@
 #include "entities/RequesterConfig.h"
 
+#include "runtime/Exception.h"
+
 namespace FileReplication {
 
 using Notifiee = RequesterConfig::NotifieeConst;
@@ -79,6 +81,11 @@ void RequesterConfig::syncErrorThresholdIs(int v) {
 
 void RequesterConfig::remoteHostReplicationDelayIs(double v) {
   if (Kel::changed(remoteHostReplicationDelay_, v)) notify<Notifiee>(&Notifiee::onRemoteHostReplicationDelay);
+}
+
+void RequesterConfig::maxFilesPerRunIs(std::uint32_t v) {
+  if (v == 0) Kel::throwRangeException("maxFilesPerRun 0");
+  if (Kel::changed(maxFilesPerRun_, v)) notify(&Notifiee::onMaxFilesPerRun);
 }
 
 std::ostream& operator<<(std::ostream& o, RequesterConfig::Mode mode) {

@@ -29,6 +29,7 @@ class RequesterConfig : public Kel::Entity {
     virtual void onRetryInterval() {}
     virtual void onSyncErrorThreshold() {}
     virtual void onRemoteHostReplicationDelay() {}
+    virtual void onMaxFilesPerRun() {}
   };
   using Notifiee = NotifieeConst;
 
@@ -75,6 +76,10 @@ class RequesterConfig : public Kel::Entity {
   void syncErrorThresholdIs(int v);
   double remoteHostReplicationDelay() const { return remoteHostReplicationDelay_; }
   void remoteHostReplicationDelayIs(double v);
+  // How many files one Replicate run may copy; 1: every file on its own.
+  // Files are merged only when they are due together.
+  std::uint32_t maxFilesPerRun() const { return maxFilesPerRun_; }
+  void maxFilesPerRunIs(std::uint32_t v);
 
  protected:
   RequesterConfig(Kel::Name name, Mode mode) : name_(name), mode_(mode) {}
@@ -90,6 +95,7 @@ class RequesterConfig : public Kel::Entity {
   double retryInterval_ = 10;
   int syncErrorThreshold_ = 3;
   double remoteHostReplicationDelay_ = 5;
+  std::uint32_t maxFilesPerRun_ = 1;
 };
 
 std::ostream& operator<<(std::ostream& o, RequesterConfig::Mode mode);

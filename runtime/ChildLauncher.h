@@ -2,6 +2,8 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+
 #include "runtime/ChildSiginfo.h"
 
 namespace Kel {
@@ -14,6 +16,9 @@ struct ChildSetup {
   int stderrFd = -1;
   // -1: our group; 0: a new group led by the child; otherwise that group.
   int processGroup = -1;
+  // How many children, this one included, may share one process when the
+  // manager's batcher gives them one key; 1: this child runs alone.
+  std::uint32_t batchLimit = 1;
 };
 
 // The one place that starts and signals child processes. The manager holds

@@ -1,8 +1,11 @@
 #include "runtime/ChildManager.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "runtime/SpawnLauncher.h"
@@ -36,6 +39,42 @@ bool keepStdio(ChildSetup const& from, ChildSetup& to) {
   return true;
 }
 
+// An anonymous file in memory holding text, read from its start: a child
+// reads it as stdin, or writes into it as stdout, and neither side can
+// block the other the way a full pipe would. -1 when it cannot be made.
+int memoryFileOf(std::string const& text) {
+  int const fd = ::memfd_create("kel-batch", MFD_CLOEXEC);
+  if (fd < 0) return -1;
+  std::size_t done = 0;
+  while (done < text.size()) {
+    ssize_t const n = ::write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      ::close(fd);
+      return -1;
+    }
+    done += std::size_t(n);
+  }
+  ::lseek(fd, 0, SEEK_SET);
+  return fd;
+}
+
+std::string contentsOf(int fd) {
+  std::string text;
+  struct stat st;
+  if (::fstat(fd, &st) != 0) return text;
+  text.resize(std::size_t(st.st_size));
+  std::size_t done = 0;
+  while (done < text.size()) {
+    ssize_t const n = ::pread(fd, text.data() + done, text.size() - done, off_t(done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += std::size_t(n);
+  }
+  text.resize(done);
+  return text;
+}
+
 }  // namespace
 
 ChildManager::ChildManager(EventLoop& loop)
@@ -46,17 +85,34 @@ ChildManager::~ChildManager() { childDelAll(); }
 Ptr<ChildSiginfo> ChildManager::run(std::vector<std::string> argv, ChildSetup const& setup) {
   Ptr<ChildSiginfo> child = new ChildSiginfo(std::move(argv));
   child->manager_ = this;
-  if (waiting_.empty() && slotFree()) {
+  keyIs(*child, setup);
+  bool const mergeable = !child->batchKey_.empty();
+  // The first child of a turn starts at once; mergeable ones asked for after
+  // it in the same turn wait for the next, so that they can share a process.
+  if (waiting_.empty() && slotFree() && !(mergeable && startWaitingScheduled_)) {
     start(child, setup);
+    if (mergeable) startWaitingSoon();
     return child;
   }
   Waiting entry{child, {}};
   if (!keepStdio(setup, entry.setup)) {
-    endUnstarted(child, ChildSiginfo::exited, 127);
+    endEarly(child, ChildSiginfo::exited, 127);
     return child;
   }
   child->waitIndex_ = waiting_.enq(std::move(entry));
+  if (mergeable) waitingByKey_[child->batchKey_].emplace_back(child->waitIndex_, child.ptr());
+  if (slotFree()) startWaitingSoon();
   return child;
+}
+
+void ChildManager::keyIs(ChildSiginfo& child, ChildSetup const& setup) const {
+  // A child with descriptors or a group of its own expects a process of its own.
+  bool const plain = setup.stdinFd == -1 && setup.stdoutFd == -1 && setup.stderrFd == -1 && setup.processGroup == -1;
+  if (!batcher_ || setup.batchLimit < 2 || !plain) return;
+  child.batchKey_ = batcher_->batchKey(child.argv_);
+  if (child.batchKey_.empty()) return;
+  child.batchKey_ += '\0' + std::to_string(setup.batchLimit);
+  child.batchLimit_ = setup.batchLimit;
 }
 
 void ChildManager::maxRunningIs(std::size_t n) {
@@ -76,17 +132,26 @@ void ChildManager::childDelAll() {
   // and nothing may reach these sets meanwhile.
   auto running = std::exchange(running_, {});
   auto ending = std::exchange(ending_, {});
+  auto batches = std::exchange(batches_, {});
+  waitingByKey_.clear();
   for (auto const& child : running) launcher_->childDel(*child);
+  auto letGo = [](ChildSiginfo& child) {
+    child.phase_ = ChildSiginfo::Phase::done;
+    child.manager_ = nullptr;
+    child.carrier_ = nullptr;
+  };
   for (auto* set : {&running, &ending}) {
-    for (auto const& child : *set) {
-      child->phase_ = ChildSiginfo::Phase::done;
-      child->manager_ = nullptr;
+    for (auto const& child : *set) letGo(*child);
+  }
+  for (auto& [carrier, batch] : batches) {
+    ::close(batch.outputFd);
+    for (auto const& member : batch.members) {
+      if (member->carrier_ == carrier) letGo(*member);
     }
   }
   while (auto entry = waiting_.deq()) {
     closeStdio(entry->setup);
-    entry->child->phase_ = ChildSiginfo::Phase::done;
-    entry->child->manager_ = nullptr;
+    letGo(*entry->child);
   }
 }
 
@@ -101,19 +166,102 @@ void ChildManager::reportEnd(Ptr<ChildSiginfo> const& child, ChildSiginfo::Signa
 void ChildManager::start(Ptr<ChildSiginfo> const& child, ChildSetup const& setup) {
   pid_t const pid = launcher_->launch(child, setup);
   if (pid <= 0) {
-    endUnstarted(child, ChildSiginfo::exited, 127);
+    endEarly(child, ChildSiginfo::exited, 127);
     return;
   }
-  child->pid_ = pid;
   child->phase_ = ChildSiginfo::Phase::running;
   running_.insert(child);
+  child->pidIs(pid);
 }
 
 void ChildManager::startWaiting() {
   while (!waiting_.empty() && slotFree()) {
     auto entry = waiting_.deq();
+    if (!entry->child->batchKey_.empty()) {
+      auto members = mergedWith(entry->child);
+      if (members.size() > 1) {
+        startBatch(members);
+        continue;
+      }
+    }
     start(entry->child, entry->setup);
     closeStdio(entry->setup);
+  }
+  if (waiting_.empty()) waitingByKey_.clear();
+}
+
+void ChildManager::startWaitingSoon() {
+  if (startWaitingScheduled_) return;
+  startWaitingScheduled_ = true;
+  loop_.deferredIs([self = std::weak_ptr<ChildManager*>(self_)] {
+    auto const manager = self.lock();
+    if (!manager) return;
+    (*manager)->startWaitingScheduled_ = false;
+    (*manager)->startWaiting();
+  });
+}
+
+std::vector<Ptr<ChildSiginfo>> ChildManager::mergedWith(Ptr<ChildSiginfo> const& head) {
+  std::vector<Ptr<ChildSiginfo>> members{head};
+  auto const found = waitingByKey_.find(head->batchKey_);
+  if (found == waitingByKey_.end()) return members;
+  auto& queue = found->second;
+  while (!queue.empty() && members.size() < head->batchLimit_) {
+    auto const [index, child] = queue.front();
+    queue.pop_front();
+    // The head has left the queue already; so has a child killed while it
+    // waited, whose index may since have gone to another.
+    Waiting const* entry = waiting_.at(index);
+    if (!entry || entry->child.ptr() != child) continue;
+    members.push_back(entry->child);
+    waiting_.del(index);
+  }
+  if (queue.empty()) waitingByKey_.erase(found);
+  return members;
+}
+
+void ChildManager::startBatch(std::vector<Ptr<ChildSiginfo>> const& members) {
+  ChildBatcher::Carrier work = batcher_->carrierOf(members);
+  int const input = memoryFileOf(work.input);
+  int const output = input < 0 ? -1 : memoryFileOf({});
+  Ptr<ChildSiginfo> carrier = new ChildSiginfo(std::move(work.argv));
+  carrier->manager_ = this;
+  pid_t const pid = output < 0 ? 0 : launcher_->launch(carrier, ChildSetup{input, output, -1, -1});
+  if (input >= 0) ::close(input);
+  if (pid <= 0) {
+    if (output >= 0) ::close(output);
+    for (auto const& member : members) endEarly(member, ChildSiginfo::exited, 127);
+    return;
+  }
+  carrier->phase_ = ChildSiginfo::Phase::running;
+  carrier->pid_ = pid;
+  running_.insert(carrier);
+  batches_.emplace(carrier.ptr(), Batch{members, members.size(), output});
+  for (auto const& member : members) {
+    member->phase_ = ChildSiginfo::Phase::running;
+    member->carrier_ = carrier.ptr();
+  }
+  for (auto const& member : members) member->pidIs(pid);
+}
+
+void ChildManager::endMembers(ChildSiginfo const& carrier, Batch& batch, ChildBatcher::End end) {
+  std::string const output = contentsOf(batch.outputFd);
+  ::close(batch.outputFd);
+  std::vector<ChildBatcher::End> ends(batch.members.size(), end);
+  if (batcher_) ends = batcher_->endsOf(batch.members.size(), end, output);
+  std::vector<bool> attached(batch.members.size());
+  for (std::size_t i = 0; i < batch.members.size(); ++i) {
+    ChildSiginfo& member = *batch.members[i];
+    // A member killed meanwhile has been told its own end.
+    attached[i] = member.carrier_ == &carrier;
+    if (!attached[i]) continue;
+    member.carrier_ = nullptr;
+    member.phase_ = ChildSiginfo::Phase::done;
+    member.manager_ = nullptr;
+  }
+  startWaiting();
+  for (std::size_t i = 0; i < batch.members.size(); ++i) {
+    if (attached[i] && i < ends.size()) batch.members[i]->endedIs(ends[i].code, ends[i].exitStatus);
   }
 }
 
@@ -124,10 +272,16 @@ void ChildManager::kill(ChildSiginfo& child, int signal) {
       ChildSetup setup = waiting_.at(child.waitIndex_)->setup;
       waiting_.del(child.waitIndex_);
       closeStdio(setup);
-      endUnstarted(keep, ChildSiginfo::killed, signal);
+      endEarly(keep, ChildSiginfo::killed, signal);
       break;
     }
     case ChildSiginfo::Phase::running:
+      if (ChildSiginfo* const carrier = std::exchange(child.carrier_, nullptr)) {
+        // The others go on; the process goes once none of them is left.
+        endEarly(&child, ChildSiginfo::killed, signal);
+        if (--batches_.at(carrier).attached == 0) launcher_->kill(*carrier, signal);
+        break;
+      }
       launcher_->kill(child, signal);
       break;
     case ChildSiginfo::Phase::ending:
@@ -136,7 +290,7 @@ void ChildManager::kill(ChildSiginfo& child, int signal) {
   }
 }
 
-void ChildManager::endUnstarted(Ptr<ChildSiginfo> const& child, ChildSiginfo::SignalCode code, int exitStatus) {
+void ChildManager::endEarly(Ptr<ChildSiginfo> const& child, ChildSiginfo::SignalCode code, int exitStatus) {
   child->phase_ = ChildSiginfo::Phase::ending;
   ending_.insert(child);
   reportEnd(child, code, exitStatus);
@@ -152,6 +306,10 @@ void ChildManager::deliverEnd(Ptr<ChildSiginfo> const& child, ChildSiginfo::Sign
   }
   child->phase_ = ChildSiginfo::Phase::done;
   child->manager_ = nullptr;
+  if (auto batch = batches_.extract(child.ptr())) {
+    endMembers(*child, batch.mapped(), {code, exitStatus});
+    return;
+  }
   startWaiting();
   child->endedIs(code, exitStatus);
 }

@@ -1,11 +1,16 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
+#include "runtime/ChildBatcher.h"
 #include "runtime/ChildLauncher.h"
 #include "runtime/ChildSiginfo.h"
 #include "runtime/EventLoop.h"
@@ -20,6 +25,11 @@ class SpawnLauncher;
 // time and the child is still reaped. Starting and signalling go through a
 // replaceable launcher; the manager alone enforces the limit on running
 // children.
+//
+// With a batcher, children that allow it and share a key are merged into
+// one process when they are asked for in the same turn or wait for a slot
+// together; the first of a turn still starts at once and alone, and the
+// others start with the next turn. A merged process takes one slot.
 //
 // Ends are delivered on a turn of the loop after the launcher learnt of
 // them. When a running child ends, the next waiting one is started before
@@ -43,6 +53,10 @@ class ChildManager {
   // Started children whose end has not been delivered yet.
   std::size_t running() const { return running_.size(); }
   std::size_t waiting() const { return waiting_.members(); }
+
+  // Not owned; null (the default) runs every child alone.
+  ChildBatcher* batcher() const { return batcher_; }
+  void batcherIs(ChildBatcher* batcher) { batcher_ = batcher; }
 
   ChildLauncher& launcher() const { return *launcher_; }
   // Null restores the spawning launcher. Switching first drops every child
@@ -70,13 +84,30 @@ class ChildManager {
     ChildSetup setup;
   };
 
+  // A process doing the work of several children. Owns outputFd, where
+  // the process writes what tells each member's end.
+  struct Batch {
+    std::vector<Ptr<ChildSiginfo>> members;
+    std::size_t attached;
+    int outputFd;
+  };
+
   bool slotFree() const { return maxRunning_ == 0 || running_.size() < maxRunning_; }
+  void keyIs(ChildSiginfo& child, ChildSetup const& setup) const;
   void start(Ptr<ChildSiginfo> const& child, ChildSetup const& setup);
   void startWaiting();
+  // Starts the waiting children on a later turn, after the others asked
+  // for in this one.
+  void startWaitingSoon();
+  // head and the oldest waiting children of its key, up to its limit; they
+  // leave the queue.
+  std::vector<Ptr<ChildSiginfo>> mergedWith(Ptr<ChildSiginfo> const& head);
+  void startBatch(std::vector<Ptr<ChildSiginfo>> const& members);
+  void endMembers(ChildSiginfo const& carrier, Batch& batch, ChildBatcher::End end);
   void kill(ChildSiginfo& child, int signal);
   void deliverEnd(Ptr<ChildSiginfo> const& child, ChildSiginfo::SignalCode code, int exitStatus);
-  // Decides the end of a child that never ran and reports it.
-  void endUnstarted(Ptr<ChildSiginfo> const& child, ChildSiginfo::SignalCode code, int exitStatus);
+  // Decides the end of a child that does not run (any more) and reports it.
+  void endEarly(Ptr<ChildSiginfo> const& child, ChildSiginfo::SignalCode code, int exitStatus);
 
   EventLoop& loop_;
   std::unique_ptr<SpawnLauncher> spawnLauncher_;
@@ -86,6 +117,15 @@ class ChildManager {
   // Children that never ran, whose end is reported on a later turn.
   std::unordered_set<Ptr<ChildSiginfo>> ending_;
   LinkQueue<Waiting> waiting_;
+  ChildBatcher* batcher_ = nullptr;
+  bool startWaitingScheduled_ = false;
+  // Lets a scheduled start find out that its manager is gone.
+  std::shared_ptr<ChildManager*> self_ = std::make_shared<ChildManager*>(this);
+  std::unordered_map<ChildSiginfo const*, Batch> batches_;
+  // Waiting children by key, oldest first, by wait index. Entries of
+  // children that left the queue are skipped when met, and all go when the
+  // queue empties.
+  std::unordered_map<std::string, std::deque<std::pair<std::uint32_t, ChildSiginfo const*>>> waitingByKey_;
 };
 
 }  // namespace Kel

@@ -17,6 +17,10 @@ void ChildSiginfo::kill(int signal) const {
   if (manager_) manager_->kill(const_cast<ChildSiginfo&>(*this), signal);
 }
 
+void ChildSiginfo::pidIs(pid_t pid) {
+  if (changed(pid_, pid)) notify(&NotifieeConst::onPid);
+}
+
 void ChildSiginfo::endedIs(SignalCode code, int exitStatus) {
   signalCode_ = code;
   exitStatus_ = exitStatus;
@@ -38,14 +42,21 @@ std::ostream& operator<<(std::ostream& o, ChildSiginfo::SignalCode code) {
 }
 
 Ptr<ChildSiginfo> run(char const* const* argv, int stdinFd, int stdoutFd, int stderrFd, int processGroup) {
+  return run(argv, ChildSetup{stdinFd, stdoutFd, stderrFd, processGroup});
+}
+
+Ptr<ChildSiginfo> run(char const* const* argv, ChildSetup const& setup) {
   if (!argv || !argv[0]) throwRangeException("run: empty argument vector");
-  if (stdinFd < -1 || stdoutFd < -1 || stderrFd < -1) throwRangeException("run: descriptor out of range");
-  if (processGroup < -1) throwRangeException("run: process group out of range");
+  if (setup.stdinFd < -1 || setup.stdoutFd < -1 || setup.stderrFd < -1) {
+    throwRangeException("run: descriptor out of range");
+  }
+  if (setup.processGroup < -1) throwRangeException("run: process group out of range");
+  if (setup.batchLimit == 0) throwRangeException("run: batch limit 0");
   // Copied now: callers pass pointers into temporaries, and a child waiting
   // for a slot starts long after this returns.
   std::vector<std::string> copy;
   for (char const* const* arg = argv; *arg; ++arg) copy.emplace_back(*arg);
-  return activityManager()->children().run(std::move(copy), ChildSetup{stdinFd, stdoutFd, stderrFd, processGroup});
+  return activityManager()->children().run(std::move(copy), setup);
 }
 
 }  // namespace Kel

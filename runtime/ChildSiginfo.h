@@ -12,9 +12,14 @@
 namespace Kel {
 
 class ChildManager;
+struct ChildSetup;
 
-// One child process started by Kel::run. Its reactors get onSignalCode()
-// once, when the child has ended and signalCode() and exitStatus() are set.
+// One child process started by Kel::run. Its reactors get onPid() once, when
+// the child starts (it may first wait for a slot), and onSignalCode() once,
+// when it has ended and signalCode() and exitStatus() are set.
+//
+// Children merged by the manager's batcher share one process: each reports
+// that process's pid and ends with its own outcome.
 class ChildSiginfo : public Entity {
  public:
   // How the child ended. notEnded while it runs or waits for a slot.
@@ -22,6 +27,7 @@ class ChildSiginfo : public Entity {
 
   class NotifieeConst : public NotifieeBase<ChildSiginfo> {
    public:
+    virtual void onPid() {}
     virtual void onSignalCode() {}
   };
   using Notifiee = NotifieeConst;
@@ -51,6 +57,7 @@ class ChildSiginfo : public Entity {
   // later turn; done: reported, or dropped by the manager.
   enum class Phase : std::uint8_t { waiting, running, ending, done };
 
+  void pidIs(pid_t pid);
   void endedIs(SignalCode code, int exitStatus);
 
   std::vector<std::string> argv_;
@@ -62,6 +69,13 @@ class ChildSiginfo : public Entity {
   std::uint32_t waitIndex_ = 0;
   // Raw: cleared by the manager when it lets the child go.
   ChildManager* manager_ = nullptr;
+  // Children that may share a process have one key; empty for one that
+  // runs alone. The manager's limit is part of it.
+  std::string batchKey_;
+  std::uint32_t batchLimit_ = 1;
+  // The process doing this child's work together with others; raw, the
+  // manager holds both and clears it when they part.
+  ChildSiginfo* carrier_ = nullptr;
 };
 
 std::ostream& operator<<(std::ostream& o, ChildSiginfo::SignalCode code);
@@ -72,5 +86,7 @@ std::ostream& operator<<(std::ostream& o, ChildSiginfo::SignalCode code);
 // null and never throws because the program cannot start: that child is
 // reported on a later turn as exited with status 127.
 Ptr<ChildSiginfo> run(char const* const* argv, int stdinFd, int stdoutFd, int stderrFd, int processGroup);
+// The same with the whole setup, which may also allow merging.
+Ptr<ChildSiginfo> run(char const* const* argv, ChildSetup const& setup);
 
 }  // namespace Kel

@@ -134,6 +134,26 @@ TEST_F(ReplicationSmTest, TimeOutKillsTheChildAndItsLateExitChangesNothing) {
   EXPECT_EQ(1u, trace.messagesWith(" to failed").size()) << "status failed is written once";
 }
 
+TEST_F(ReplicationSmTest, TimeOutCountsFromTheStartOfTheChildNotFromTheWaitForASlot) {
+  Kel::activityManager()->children().maxRunningIs(1);
+  auto slow = RequesterConfig::RequesterConfigIs("slow", RequesterConfig::periodic);
+  slow->remoteHostIs("h1");
+  slow->replicationTimeoutIs(1000);
+  slow->enabledIs(true);
+  auto fc2 = FileConfig::FileConfigIs(Kel::Name(path("other")), "/dst/other", "-a");
+  auto first = ReplicationSm::ReplicationSmIs("other", slow, fc2, nullptr);
+  auto& sm = make();
+  EXPECT_EQ(ReplicationSm::replicating, sm.state());
+  EXPECT_EQ(Kel::Clock::never, sm.replicationTimeoutTime()) << "waiting for a slot is not timed";
+  clock()->advance(100);
+  EXPECT_EQ(ReplicationSm::replicating, sm.state()) << "never killed for waiting";
+  EXPECT_EQ(FileStatus::inProgress, fs_->status());
+  end(0, 0);
+  EXPECT_NE(0, sm.replicationCmd()->pid());
+  EXPECT_EQ(start + 160, sm.replicationTimeoutTime());
+  first = nullptr;
+}
+
 TEST_F(ReplicationSmTest, DisablingInEachStateStopsWhatIsRunning) {
   auto& sm = make();
   rc_->enabledIs(false);  // replicating: the child is killed
@@ -230,10 +250,11 @@ TEST_F(ReplicationSmTest, TracesOfARunFromStartToSuccess) {
                 status + ": ",
                 status + "Updating status of " + source_ + " to inProgress",
                 sig + "startReplication()hostsString=h1 path=" + source_ + " dstPath=/dst/file rsyncOptions=-a",
-                sig + "startReplicationTimeoutClock(): State=replicating",
-                sig + "startReplicationTimeoutClock(): Setting replication timeout to 60sec",
                 sig + "startReplication(): Syncing file",
                 sig + "handleReplicationCmdSignalCode(): State=replicating SignalCode=notEnded ExitStatus=0",
+                sig + "handleReplicationCmdPid(): State=replicating",
+                sig + "startReplicationTimeoutClock(): State=replicating",
+                sig + "startReplicationTimeoutClock(): Setting replication timeout to 60sec",
                 sig + "handleReplicationCmdSignalCode(): State=replicating SignalCode=exited ExitStatus=0",
                 sig + "handleReplicationCmdSignalCode()Replication was successful",
                 sig + "handleReplicationCmdSignalCode(): Changing state to standby",

@@ -258,6 +258,8 @@ class ConfigApplierIntegration : public FileReplication::SmTest {
     r.name = "web";
     r.remoteHosts = {"h1"};
     r.period = 60;
+    // One launch per file, so that each file's options can be read off it.
+    r.maxFilesPerRun = 1;
     r.files = {{path("a"), "/dst/a", "-a"}, {path("b"), "/dst/b", "-a"}};
     return r;
   }

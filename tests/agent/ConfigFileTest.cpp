@@ -27,6 +27,7 @@ requesters:
     retryInterval: 0
     syncErrorThreshold: 0
     remoteHostReplicationDelay: 0.5
+    maxFilesPerRun: 50
     files:
       - path: /srv/www/index.html
       - path: /srv/www/app.js
@@ -52,6 +53,7 @@ requesters:
   web.retryInterval = 0;
   web.syncErrorThreshold = 0;
   web.remoteHostReplicationDelay = 0.5;
+  web.maxFilesPerRun = 50;
   web.files = {{"/srv/www/index.html", "/srv/www/index.html", "-a"},
                {"/srv/www/app.js", "/backup/app.js", "-az --partial"}};
   RequesterSettings db;
@@ -107,6 +109,7 @@ requesters:
     syncErrorThreshold: -1
     remoteHosts: one,two
     files: /srv/file
+    maxFilesPerRun: 0
 )",
                                      "bad.yaml");
   EXPECT_EQ((Lines{
@@ -131,7 +134,7 @@ requesters:
                 "bad.yaml:12:69: remote host \"good\" is listed twice (first at line 12); expected each host once",
                 "bad.yaml:13:5: unknown key \"perod\" in requester \"web\"; expected one of mode, enabled, "
                 "remoteHosts, period, replicationTimeout, retryInterval, syncErrorThreshold, "
-                "remoteHostReplicationDelay, files",
+                "remoteHostReplicationDelay, maxFilesPerRun, files",
                 "bad.yaml:15:15: path is \"relative/file\"; expected an absolute file path",
                 "bad.yaml:17:18: dstPath is \"dst\"; expected an absolute file path",
                 "bad.yaml:18:9: unknown key \"rsync\" in a file; expected one of path, dstPath, rsyncOptions",
@@ -152,6 +155,7 @@ requesters:
                 "bad.yaml:34:25: syncErrorThreshold is \"-1\"; expected a whole number >= 0",
                 "bad.yaml:35:18: remoteHosts is \"one,two\"; expected a list of host names, like [host1, host2]",
                 "bad.yaml:36:12: files is \"/srv/file\"; expected a list of files, each a mapping with path",
+                "bad.yaml:37:21: maxFilesPerRun is \"0\"; expected a whole number >= 1",
             }),
             parsed.errors);
   EXPECT_EQ(AgentConfig(), parsed.config) << "nothing of an invalid file is offered for use";

@@ -1,5 +1,8 @@
 #include "tests/support/ScriptedChildren.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <stdexcept>
 
 namespace Kel {
@@ -10,6 +13,9 @@ ScriptedChildren::ScriptedChildren(ChildManager& manager)
 }
 
 ScriptedChildren::~ScriptedChildren() {
+  for (auto const& child : children_) {
+    if (child.stdoutFd != -1) close(child.stdoutFd);
+  }
   manager_.launcherIs(previous_);
   manager_.maxRunningIs(previousMaxRunning_);
 }
@@ -24,7 +30,11 @@ std::size_t ScriptedChildren::indexOf(ChildSiginfo const* siginfo) const {
   return it->second;
 }
 
-void ScriptedChildren::endExited(Ptr<ChildSiginfo const> const& siginfo, int status) {
+void ScriptedChildren::endExited(Ptr<ChildSiginfo const> const& siginfo, int status, std::string_view output) {
+  int const fd = children_[indexOf(siginfo.ptr())].stdoutFd;
+  if (!output.empty() && (fd == -1 || write(fd, output.data(), output.size()) != ssize_t(output.size()))) {
+    throw std::invalid_argument("the child's output cannot be written");
+  }
   end(siginfo, ChildSiginfo::exited, status);
 }
 
@@ -40,9 +50,17 @@ void ScriptedChildren::end(Ptr<ChildSiginfo const> const& siginfo, ChildSiginfo:
   manager_.reportEnd(children_[indexOf(siginfo.ptr())].siginfo, code, status);
 }
 
-pid_t ScriptedChildren::launch(Ptr<ChildSiginfo> const& child, ChildSetup const&) {
+pid_t ScriptedChildren::launch(Ptr<ChildSiginfo> const& child, ChildSetup const& setup) {
   index_.emplace(child.ptr(), children_.size());
-  Child& entry = children_.emplace_back(Child{child, child->argv(), 0, {}});
+  Child& entry = children_.emplace_back(Child{child, child->argv(), 0, {}, {}, -1});
+  if (setup.stdinFd != -1) {
+    char buffer[4096];
+    ssize_t n;
+    while ((n = pread(setup.stdinFd, buffer, sizeof buffer, off_t(entry.input.size()))) > 0) {
+      entry.input.append(buffer, std::size_t(n));
+    }
+  }
+  if (setup.stdoutFd != -1) entry.stdoutFd = fcntl(setup.stdoutFd, F_DUPFD_CLOEXEC, 0);
   if (!startFails_) entry.pid = static_cast<pid_t>(1000 + children_.size());
   return entry.pid;
 }

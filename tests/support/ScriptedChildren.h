@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <deque>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -31,6 +32,10 @@ class ScriptedChildren : public ChildLauncher {
     pid_t pid = 0;
     // Every signal sent to the child while it ran, in order.
     std::vector<int> signals;
+    // What it was given to read on stdin, and where it writes its stdout
+    // (a copy, owned here; -1 when it inherits ours).
+    std::string input;
+    int stdoutFd = -1;
   };
 
   explicit ScriptedChildren(ChildManager& manager = activityManager()->children());
@@ -46,7 +51,8 @@ class ScriptedChildren : public ChildLauncher {
   Child const& last() const { return children_.back(); }
 
   // Ends a running child as the kernel would report it, on a later turn.
-  void endExited(Ptr<ChildSiginfo const> const& siginfo, int status);
+  // output is written to the child's stdout first.
+  void endExited(Ptr<ChildSiginfo const> const& siginfo, int status, std::string_view output = {});
   void endKilled(Ptr<ChildSiginfo const> const& siginfo, int signal);
   void endDumped(Ptr<ChildSiginfo const> const& siginfo, int signal);
 

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "runtime/ChildBatcher.h"
+
+namespace FileReplication {
+
+// Merges the copies of files that are due together into one
+// `Replicate --cmd rsyncFiles` process, which copies a list of names under a
+// common source root and destination root with one rsync per host and
+// prints one line per name: "0" when that file reached every host.
+//
+// Copies share a process when they go to the same hosts with the same
+// options and their paths split alike into root and name: /srv/a/x.conf to
+// /backup/a/x.conf has roots /srv and /backup and the name a/x.conf. A copy
+// whose destination has another base name, or whose paths or options could
+// make rsync read the list differently, runs alone.
+class ReplicateBatcher : public Kel::ChildBatcher {
+ public:
+  // The one the agent's child manager uses.
+  static ReplicateBatcher& instance();
+
+  std::string batchKey(std::vector<std::string> const& argv) const override;
+  Carrier carrierOf(std::vector<Kel::Ptr<Kel::ChildSiginfo>> const& members) const override;
+  std::vector<End> endsOf(std::size_t members, End carrier, std::string_view output) const override;
+};
+
+}  // namespace FileReplication

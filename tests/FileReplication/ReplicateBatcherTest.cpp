@@ -1,0 +1,81 @@
+#include "FileReplication/ReplicateBatcher.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/ScriptedChildren.h"
+
+namespace FileReplication {
+namespace {
+
+using Argv = std::vector<std::string>;
+using End = Kel::ChildBatcher::End;
+
+Argv copyArgv(std::string const& source, std::string const& target, std::string const& options = "-a",
+              std::string const& hosts = "h1") {
+  Argv argv = {"Replicate", "--cmd", "rsyncFile"};
+  if (!hosts.empty()) argv.insert(argv.end(), {"--remoteHosts", hosts});
+  argv.insert(argv.end(), {"--source", source, "--target", target, "--rsyncOptions", options});
+  return argv;
+}
+
+// The process that copies both, as the batcher makes it.
+Kel::ChildBatcher::Carrier carrierOf(Argv const& a, Argv const& b) {
+  Kel::ScriptedChildren scripted;
+  std::vector<Kel::Ptr<Kel::ChildSiginfo>> members;
+  for (auto const* argv : {&a, &b}) {
+    std::vector<char const*> pointers;
+    for (auto const& word : *argv) pointers.push_back(word.c_str());
+    pointers.push_back(nullptr);
+    members.push_back(Kel::run(pointers.data(), -1, -1, -1, -1));
+  }
+  return ReplicateBatcher::instance().carrierOf(members);
+}
+
+TEST(ReplicateBatcherTest, FilesShareARunOnlyWhenTheirPathsSplitAlikeAndNothingChangesHowRsyncReadsTheList) {
+  auto const& batcher = ReplicateBatcher::instance();
+  auto const key = [&](Argv const& argv) { return batcher.batchKey(argv); };
+
+  auto const carrier = carrierOf(copyArgv("/srv/a/x.conf", "/backup/a/x.conf"),
+                                 copyArgv("/srv/b/-y\n'$;", "/backup/b/-y\n'$;"));
+  EXPECT_EQ((Argv{"Replicate", "--cmd", "rsyncFiles", "--remoteHosts", "h1", "--source", "/srv", "--target", "/backup",
+                  "--rsyncOptions", "-a"}),
+            carrier.argv);
+  EXPECT_EQ(std::string("a/x.conf\0b/-y\n'$;\0", 18), carrier.input) << "names are data, NUL-terminated";
+  auto const local = carrierOf(copyArgv("/etc/x", "/etc/x", "-az", ""), copyArgv("/etc/y/z", "/etc/y/z", "-az", ""));
+  EXPECT_EQ((Argv{"Replicate", "--cmd", "rsyncFiles", "--source", "/", "--target", "/", "--rsyncOptions", "-az"}),
+            local.argv);
+  EXPECT_EQ(std::string("etc/x\0etc/y/z\0", 14), local.input);
+
+  std::string const shared = key(copyArgv("/srv/a/x", "/backup/a/x"));
+  EXPECT_EQ(shared, key(copyArgv("/srv/x", "/backup/x")));
+  for (auto const& apart : {copyArgv("/srv/a/x", "/backup/b/x"), copyArgv("/srv/a/x", "/backup/a/x", "-az"),
+                            copyArgv("/srv/a/x", "/backup/a/x", "-a", "h2"), copyArgv("/srv/a/x", "/backup/a/x", "-a", "")}) {
+    EXPECT_NE(shared, key(apart)) << apart[5];
+  }
+  for (auto const& alone : {copyArgv("/srv/x", "/backup/y"), copyArgv("/srv/x", "x"), copyArgv("/srv/x", "/srv/x/"),
+                            copyArgv("/srv/./x", "/b/./x"), copyArgv("/srv/../x", "/b/../x"),
+                            copyArgv("/s/x", "/d/x", "-a --no-relative"), copyArgv("/s/x", "/d/x", "-av0"),
+                            copyArgv("/s/x", "/d/x", "--files-from=/l"), copyArgv("/s/x", "/d/x", "'--from0'"),
+                            Argv{"Replicate", "--cmd", "deleteFile", "--target", "/d/x"}}) {
+    EXPECT_EQ("", key(alone)) << alone.back();
+  }
+}
+
+TEST(ReplicateBatcherTest, OnlyAPartialFailureTellsFilesApartAndAMissingLineIsAFailure) {
+  auto const& batcher = ReplicateBatcher::instance();
+  auto const codes = [](std::vector<End> const& ends) {
+    std::vector<int> seen;
+    for (auto const& end : ends) seen.push_back(end.code * 1000 + end.exitStatus);
+    return seen;
+  };
+  int const ok = Kel::ChildSiginfo::exited * 1000;
+  EXPECT_EQ((std::vector<int>{ok, ok + 1, ok + 1, ok + 1}),
+            codes(batcher.endsOf(4, {Kel::ChildSiginfo::exited, 1}, "0\n1\nx\n0")));
+  EXPECT_EQ((std::vector<int>{ok, ok}), codes(batcher.endsOf(2, {Kel::ChildSiginfo::exited, 0}, "")));
+  EXPECT_EQ((std::vector<int>{ok + 2, ok + 2}), codes(batcher.endsOf(2, {Kel::ChildSiginfo::exited, 2}, "0\n0\n")));
+  int const killed = Kel::ChildSiginfo::killed * 1000 + 9;
+  EXPECT_EQ((std::vector<int>{killed, killed}), codes(batcher.endsOf(2, {Kel::ChildSiginfo::killed, 9}, "0\n0\n")));
+}
+
+}  // namespace
+}  // namespace FileReplication
