@@ -41,6 +41,10 @@ TEST(CommandLineTest, ReadsOptionsInAnyOrder) {
   EXPECT_EQ(remove.command, Command::deleteFile);
   EXPECT_TRUE(remove.remoteHosts.empty());
 
+  const CommandLine batch = parse({"--cmd", "rsyncFiles", "--source", "/", "--target", "/", "--rsyncOptions", "-a"});
+  EXPECT_EQ(batch.command, Command::rsyncFiles);
+  EXPECT_EQ(batch.rsyncOptions, std::vector<std::string>{"-a"});
+
   EXPECT_TRUE(parse({"--cmd", "bogus", "--help"}).help);
 }
 
@@ -55,6 +59,8 @@ TEST(CommandLineTest, NamesWhatIsWrong) {
   EXPECT_THAT(usageError({"--cmd", "deleteFile"}), HasSubstr("missing --target"));
   EXPECT_THAT(usageError({"--cmd", "rsyncFile", "--source", "s", "--target", "t"}),
               HasSubstr("missing --rsyncOptions"));
+  EXPECT_THAT(usageError({"--cmd", "rsyncFiles", "--target", "t", "--rsyncOptions", ""}),
+              HasSubstr("missing --source"));
   EXPECT_THAT(usageError({"--cmd", "deleteFile", "--target", "t", "--source", "s"}),
               HasSubstr("--source does not apply"));
   EXPECT_THAT(usageError({"--cmd", "deleteFile", "--target", ""}), HasSubstr("--target is empty"));

@@ -1,6 +1,9 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <filesystem>
+#include <set>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,6 +22,33 @@ ProcessResult copy(const TempDir& directory, const std::string& source, const st
 
 ProcessResult remove(const TempDir& directory, const std::string& target) {
   return runReplicate({"--cmd", "deleteFile", "--target", target}, directory.path());
+}
+
+// Copies "source root"/NAME to "target/root"/NAME for each of names.
+ProcessResult copyBatch(const TempDir& directory, const std::vector<std::string>& names,
+                        const std::string& options = "-a") {
+  std::string list;
+  for (const std::string& name : names) list += name + '\0';
+  return runReplicateWithInput(
+      {"--cmd", "rsyncFiles", "--source", "source root", "--target", "target/root", "--rsyncOptions", options},
+      list, directory.path());
+}
+
+void writeNested(const std::string& path, const std::string& content) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  writeFile(path, content);
+}
+
+// What rsyncFiles prints when the failing names fail and the others not.
+std::string outcomes(const std::vector<std::string>& names, const std::set<std::string>& failing) {
+  std::string lines;
+  for (const std::string& name : names) lines += failing.contains(name) ? "1\n" : "0\n";
+  return lines;
+}
+
+mode_t modeOf(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
 void setModificationTime(const std::string& path, time_t seconds) {
@@ -129,4 +159,54 @@ TEST(ReplicateLocalIntegration, RefusesMalformedCommandLines) {
   for (const char* section : {"NAME", "SYNOPSIS", "DESCRIPTION", "OPTIONS", "ENVIRONMENT", "EXIT STATUS"}) {
     EXPECT_THAT("\n" + help.out, HasSubstr(std::string("\n") + section + "\n")) << section;
   }
+}
+
+TEST(ReplicateLocalIntegration, CopiesABatchAndFailsOnlyTheFilesThatFail) {
+  TempDir directory;
+  const std::string source = directory / "source root/";
+  const std::string target = directory / "target/root/";
+  // The names run nothing in the working directory, and the leading dash,
+  // the colon and the odd bytes mean nothing to rsync inside the list.
+  const std::vector<std::string> names = {"plain",         "nested/deeper/it's \"quoted\"", "nested/line\nbreak",
+                                          "-rf",           "nested/-e x",                   "$(touch pwned)",
+                                          "a;touch pwned", "host:file",                     "bad \xff\xfe byte",
+                                          "kept/inside"};
+  for (const std::string& name : names) writeNested(source + name, "first " + name);
+  ASSERT_EQ(mkdir((directory / "target").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir(target.c_str(), 0755), 0);
+  ASSERT_EQ(mkdir((target + "kept").c_str(), 0700), 0);
+
+  // rsync's own report must not mix with the outcome on stdout.
+  ProcessResult result = copyBatch(directory, names, "-a --itemize-changes");
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, outcomes(names, {}));
+  for (const std::string& name : names) EXPECT_EQ(readFile(target + name), "first " + name) << name;
+  EXPECT_EQ(modeOf(target + "kept"), 0700u) << "the source's directory mode leaked onto an existing one";
+  EXPECT_FALSE(exists(directory / "pwned"));
+
+  // A file that cannot be written, a missing source and a name that climbs
+  // out fail alone.
+  for (const std::string& name : names) writeFile(source + name, "second " + name);
+  writeFile(source + "blocked", "x");
+  writeNested(target + "blocked/inside", "in the way");
+  std::vector<std::string> batch = names;
+  batch.insert(batch.begin() + 3, "blocked");
+  batch.insert(batch.begin() + 6, "gone");
+  batch.push_back("nested/../plain");
+  result = copyBatch(directory, batch);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, outcomes(batch, {"blocked", "gone", "nested/../plain"}));
+  EXPECT_THAT(result.err, HasSubstr("Replicate: cannot copy \"blocked\": rsync failed with exit code 23"));
+  EXPECT_THAT(result.err, HasSubstr("Replicate: source \"source root/gone\": No such file or directory"));
+  EXPECT_THAT(result.err, HasSubstr("Replicate: refusing name \"nested/../plain\""));
+  for (const std::string& name : names) EXPECT_EQ(readFile(target + name), "second " + name) << name;
+  EXPECT_EQ(readFile(target + "blocked/inside"), "in the way");
+
+  result = copyBatch(directory, {});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "");
+  result = runReplicateWithInput({"--cmd", "rsyncFiles", "--source", "s", "--target", "t", "--rsyncOptions", ""},
+                                 std::string("plain\0cut sh", 12), directory.path());
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.out, "");
 }

@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -60,4 +62,35 @@ TEST(ReplicateRemoteIntegration, CopiesAndDeletesOnEveryHostAndNamesTheOnesThatF
   EXPECT_TRUE(exists(ssh.home("alpha") + "/new dir"));
 
   EXPECT_FALSE(exists(pwned));
+}
+
+TEST(ReplicateRemoteIntegration, CopiesABatchWithOneRsyncPerHost) {
+  TempDir directory;
+  const FakeSsh ssh(directory);
+  const std::vector<std::string> names = {"top", "new dir/it's \"$(touch pwned)\";touch pwned\n`touch pwned`"};
+  std::string list;
+  for (const std::string& name : names) list += name + '\0';
+  ASSERT_EQ(mkdir((directory / "source").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir((directory / "source/new dir").c_str(), 0755), 0);
+  for (const std::string& name : names) writeFile(directory / ("source/" + name), name);
+  const auto copyBatch = [&](const std::string& toHosts) {
+    return runReplicateWithInput({"--cmd", "rsyncFiles", "--remoteHosts", toHosts, "--source", "source", "--target",
+                                  "made/here", "--rsyncOptions", "-a"},
+                                 list, directory.path(), {ssh.environment()});
+  };
+
+  // A file is copied only when it reached every host.
+  ProcessResult result = copyBatch(hosts);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "1\n1\n");
+  EXPECT_THAT(result.err, HasSubstr("Replicate: host nonexistent.invalid: rsync failed with exit code "));
+  EXPECT_THAT(ssh.hostsContacted(), ElementsAre("alpha", "nonexistent.invalid", "user@beta", "::1"));
+  for (const char* host : {"alpha", "beta", "::1"}) {
+    for (const std::string& name : names) EXPECT_EQ(readFile(ssh.home(host) + "/made/here/" + name), name) << host;
+    EXPECT_FALSE(exists(ssh.home(host) + "/pwned")) << host;
+  }
+
+  result = copyBatch("alpha,user@beta");
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "0\n0\n");
 }

@@ -1,20 +1,17 @@
 #include "tools/Replicate/ChildProcess.h"
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
-
-extern char** environ;
 
 namespace Replicate {
 
@@ -23,6 +20,44 @@ namespace {
 bool isExecutableFile(const std::string& path) {
   struct stat status {};
   return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && access(path.c_str(), X_OK) == 0;
+}
+
+// The child's side of startChild. This program has one thread, so the copy
+// made by fork holds no lock another thread could have taken, but it still
+// allocates nothing: everything it needs was prepared before the fork.
+[[noreturn]] void becomeChild(pid_t parent, const char* path, char* const* argv, ChildStreams streams) {
+  // Armed before the check: a parent that dies after it kills us, one that
+  // died before it leaves us orphaned with another parent id.
+  if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) _exit(126);
+  if (streams.input == STDIN_FILENO) {
+    // dup2 onto itself would keep close-on-exec.
+    if (fcntl(STDIN_FILENO, F_SETFD, 0) != 0) _exit(126);
+  } else if (streams.input >= 0) {
+    if (dup2(streams.input, STDIN_FILENO) < 0) _exit(126);
+  } else {
+    const int null = open("/dev/null", O_RDONLY);
+    if (null < 0 || (null != STDIN_FILENO && (dup2(null, STDIN_FILENO) < 0 || close(null) != 0))) _exit(126);
+  }
+  if (streams.outputToStderr && dup2(STDERR_FILENO, STDOUT_FILENO) < 0) _exit(126);
+  // Whoever started us may have ignored or blocked signals; rsync and ssh
+  // expect the defaults. Handlers of our own would be reset by exec anyway,
+  // ignored signals would not.
+  struct sigaction defaultAction {};
+  defaultAction.sa_handler = SIG_DFL;
+  for (int signal = 1; signal < NSIG; ++signal) sigaction(signal, &defaultAction, nullptr);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+
+  execv(path, argv);
+  const char* why = std::strerror(errno);
+  const iovec message[] = {{const_cast<char*>("Replicate: cannot run "), 22},
+                           {const_cast<char*>(path), std::strlen(path)},
+                           {const_cast<char*>(": "), 2},
+                           {const_cast<char*>(why), std::strlen(why)},
+                           {const_cast<char*>("\n"), 1}};
+  [[maybe_unused]] const ssize_t written = writev(STDERR_FILENO, message, 5);
+  _exit(126);
 }
 
 }  // namespace
@@ -45,57 +80,30 @@ std::string findOnPath(std::string_view program) {
   return {};
 }
 
-int runChild(const std::string& path, const std::vector<std::string>& arguments) {
-  // posix_spawn cannot set a parent-death signal in the child, so the child
-  // is a fresh copy of this program that sets it and then execs the program.
-  const std::string parent = std::to_string(getpid());
-  std::vector<const char*> argv = {"Replicate", execWithParentDeathSignalOption.data(), parent.c_str(),
-                                   path.c_str()};
-  for (const std::string& argument : arguments) argv.push_back(argument.c_str());
+pid_t startChild(const std::string& path, const std::vector<std::string>& arguments, ChildStreams streams) {
+  std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
+  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
+  // posix_spawn cannot arm a parent-death signal in the child; fork can,
+  // and for a program this small it costs little more.
+  const pid_t parent = getpid();
+  const pid_t child = fork();
+  if (child < 0) throw std::runtime_error("cannot start " + path + ": " + std::strerror(errno));
+  if (child == 0) becomeChild(parent, path.c_str(), argv.data(), streams);
+  return child;
+}
 
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  // Whoever started us may have blocked or ignored signals; rsync and ssh
-  // expect the defaults.
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  sigset_t signals;
-  sigemptyset(&signals);
-  posix_spawnattr_setsigmask(&attributes, &signals);
-  sigfillset(&signals);
-  posix_spawnattr_setsigdefault(&attributes, &signals);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  pid_t pid = 0;
-  const int error = posix_spawn(&pid, "/proc/self/exe", &actions, &attributes,
-                                const_cast<char* const*>(argv.data()), environ);
-  posix_spawnattr_destroy(&attributes);
-  posix_spawn_file_actions_destroy(&actions);
-  if (error != 0) throw std::runtime_error("cannot start " + path + ": " + std::strerror(error));
-
+int awaitChild(pid_t child) {
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
+  while (waitpid(child, &status, 0) < 0) {
     if (errno != EINTR) throw std::runtime_error(std::string("waitpid: ") + std::strerror(errno));
   }
   return status;
 }
 
-void execWithParentDeathSignal(int argc, char** argv) {
-  if (argc < 5) {
-    std::fprintf(stderr, "Replicate: %s is for internal use\n", execWithParentDeathSignalOption.data());
-    _exit(2);
-  }
-  if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) {
-    std::fprintf(stderr, "Replicate: prctl: %s\n", std::strerror(errno));
-    _exit(126);
-  }
-  // The parent may have died before the signal was armed; then nobody would
-  // kill us, so go now.
-  if (std::to_string(getppid()) != argv[2]) _exit(126);
-  execv(argv[3], argv + 4);
-  std::fprintf(stderr, "Replicate: cannot run %s: %s\n", argv[3], std::strerror(errno));
-  _exit(126);
+int runChild(const std::string& path, const std::vector<std::string>& arguments, ChildStreams streams) {
+  return awaitChild(startChild(path, arguments, streams));
 }
 
 }  // namespace Replicate

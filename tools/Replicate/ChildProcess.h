@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <string_view>
 #include <vector>
@@ -10,17 +12,24 @@ namespace Replicate {
 // first executable file of that name in $PATH. Empty when there is none.
 std::string findOnPath(std::string_view program);
 
-// Runs the program at path with arguments (arguments[0] is its name), stdin
-// from /dev/null, and waits for it. The child is killed when this process
-// dies, however it dies. Returns the wait status; throws std::runtime_error
-// when the child cannot be started.
-int runChild(const std::string& path, const std::vector<std::string>& arguments);
+// Where a child's standard streams go; the rest is inherited.
+struct ChildStreams {
+  // Its stdin; negative for /dev/null.
+  int input = -1;
+  // Its stdout joins our stderr, for when our stdout carries results.
+  bool outputToStderr = false;
+};
 
-// The internal mode that runChild starts: arguments are
-// [<our name>, "--exec-with-pdeathsig", <parent pid>, <path>, <arguments...>].
-// Never returns.
-[[noreturn]] void execWithParentDeathSignal(int argc, char** argv);
+// Starts the program at path with arguments (arguments[0] is its name),
+// with default signal dispositions and an empty signal mask. The child is
+// killed when this process dies, however it dies. Throws std::runtime_error
+// when no process can be made; a program that cannot be run exits 126.
+pid_t startChild(const std::string& path, const std::vector<std::string>& arguments, ChildStreams streams = {});
 
-inline constexpr std::string_view execWithParentDeathSignalOption = "--exec-with-pdeathsig";
+// Reaps child; returns its wait status.
+int awaitChild(pid_t child);
+
+// startChild, then awaitChild.
+int runChild(const std::string& path, const std::vector<std::string>& arguments, ChildStreams streams = {});
 
 }  // namespace Replicate

@@ -72,8 +72,8 @@ CommandLine parseCommandLine(std::span<const char* const> arguments) {
 
   if (!values.contains("--cmd")) throw UsageError("missing --cmd");
   const std::string& command = values["--cmd"];
-  if (command == "rsyncFile") {
-    line.command = Command::rsyncFile;
+  if (command == "rsyncFile" || command == "rsyncFiles") {
+    line.command = command == "rsyncFile" ? Command::rsyncFile : Command::rsyncFiles;
     require(values, "--source", command);
     require(values, "--target", command);
     require(values, "--rsyncOptions", command);
@@ -83,7 +83,7 @@ CommandLine parseCommandLine(std::span<const char* const> arguments) {
     refuse(values, "--source", command);
     refuse(values, "--rsyncOptions", command);
   } else {
-    throw UsageError("unknown --cmd " + printable(command) + " (expected rsyncFile or deleteFile)");
+    throw UsageError("unknown --cmd " + printable(command) + " (expected rsyncFile, rsyncFiles or deleteFile)");
   }
 
   if (const auto hosts = values.find("--remoteHosts"); hosts != values.end()) {
@@ -91,7 +91,7 @@ CommandLine parseCommandLine(std::span<const char* const> arguments) {
   }
   line.target = values["--target"];
   if (line.target.empty()) throw UsageError("--target is empty");
-  if (line.command == Command::rsyncFile) {
+  if (line.command != Command::deleteFile) {
     line.source = values["--source"];
     if (line.source.empty()) throw UsageError("--source is empty");
     try {

@@ -8,9 +8,11 @@
 
 namespace Replicate {
 
-enum class Command { rsyncFile, deleteFile };
+enum class Command { rsyncFile, rsyncFiles, deleteFile };
 
-// What one run is asked to do. No hosts means the local file system.
+// What one run is asked to do. No hosts means the local file system. For
+// rsyncFiles, source and target are the roots below which the names on
+// stdin lie.
 struct CommandLine {
   bool help = false;
   Command command = Command::rsyncFile;

@@ -1,79 +1,17 @@
 #include "tools/Replicate/FileCopy.h"
 
-#include <sys/stat.h>
-
-#include <cerrno>
-#include <cstring>
-#include <stdexcept>
-
 #include "tools/Replicate/ChildProcess.h"
 #include "tools/Replicate/ChildStatus.h"
-#include "tools/Replicate/Printable.h"
 #include "tools/Replicate/RemoteShell.h"
 #include "tools/Replicate/Report.h"
+#include "tools/Replicate/RsyncCommand.h"
 
 namespace Replicate {
 
-namespace {
-
-// rsync takes "name:rest" for a remote file when no '/' comes before the
-// colon; "./" keeps a local name local.
-std::string localPathForRsync(const std::string& path) {
-  const size_t colon = path.find(':');
-  if (colon != std::string::npos && path.find('/') > colon) return "./" + path;
-  return path;
-}
-
-// The directory holding path, without trailing slashes; empty when there is
-// nothing to create: a bare name, or a name in "/".
-std::string parentOf(const std::string& path) {
-  const size_t slash = path.find_last_of('/');
-  if (slash == std::string::npos) return {};
-  const size_t parentEnd = path.find_last_not_of('/', slash);
-  if (parentEnd == std::string::npos) return {};
-  return path.substr(0, parentEnd + 1);
-}
-
-// Like mkdir -p, with mode 0755 for what it creates.
-void makeDirectories(const std::string& directory) {
-  const auto failure = [&](int error) {
-    return std::runtime_error("cannot create directory " + printable(directory) + ": " + std::strerror(error));
-  };
-  struct stat status {};
-  if (stat(directory.c_str(), &status) == 0) {
-    if (S_ISDIR(status.st_mode)) return;
-    throw failure(ENOTDIR);
-  }
-  if (errno != ENOENT) throw failure(errno);
-  if (const std::string parent = parentOf(directory); !parent.empty()) makeDirectories(parent);
-  if (mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) throw failure(errno);
-}
-
-void checkSource(const std::string& source) {
-  struct stat status {};
-  if (lstat(source.c_str(), &status) != 0) {
-    throw std::runtime_error("source " + printable(source) + ": " + std::strerror(errno));
-  }
-  if (S_ISDIR(status.st_mode)) throw std::runtime_error("source " + printable(source) + " is a directory");
-}
-
-std::vector<std::string> rsyncArguments(const CommandLine& line) {
-  std::vector<std::string> arguments = {"rsync"};
-  arguments.insert(arguments.end(), line.rsyncOptions.begin(), line.rsyncOptions.end());
-  // The quick check on size and modification time would miss a file
-  // changed twice within one second at the same size; the delta transfer
-  // still sends only what differs.
-  arguments.push_back("--ignore-times");
-  return arguments;
-}
-
-}  // namespace
-
 bool copyFile(const CommandLine& line) {
-  const std::string rsync = findOnPath("rsync");
-  if (rsync.empty()) throw std::runtime_error("rsync not found on PATH");
+  const std::string rsync = findRsync();
   checkSource(line.source);
-  std::vector<std::string> arguments = rsyncArguments(line);
+  std::vector<std::string> arguments = rsyncArguments(line.rsyncOptions);
 
   if (line.remoteHosts.empty()) {
     if (const std::string parent = parentOf(line.target); !parent.empty()) makeDirectories(parent);
@@ -84,11 +22,8 @@ bool copyFile(const CommandLine& line) {
     return false;
   }
 
-  const RemoteShell shell = RemoteShell::fromEnvironment();
-  // Protected arguments reach the remote rsync through its protocol rather
-  // than a remote shell command line, so no name is split or interpreted.
-  arguments.insert(arguments.end(), {"--protect-args", "--mkpath", "-e", shell.command(), "--",
-                                     localPathForRsync(line.source)});
+  addRemoteOptions(arguments, RemoteShell::fromEnvironment());
+  arguments.insert(arguments.end(), {"--", localPathForRsync(line.source)});
   bool allSucceeded = true;
   for (const HostAddress& host : line.remoteHosts) {
     arguments.push_back(host.rsyncDestination(line.target));
