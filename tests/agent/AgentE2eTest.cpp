@@ -2,7 +2,9 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <map>
 
 #include "tests/agent/AgentProcess.h"
 
@@ -96,6 +98,54 @@ TEST(AgentE2e, StopKillsRunningChildrenAndExitsZero) {
   EXPECT_EQ("replicating", stateOf(agent, d, "a.txt"));
   EXPECT_EQ(0, agent.stop(SIGTERM)) << agent.log();
   EXPECT_NE(0, kill(child, 0)) << "the hung Replicate was killed and reaped";
+}
+
+// Two thousand files and two slots: the files share few Replicate runs,
+// all converge and none is ever failed (with a long retry interval, a
+// failure would still show). A file whose copy fails inside a shared run is
+// the only one failed.
+TEST(AgentE2e, ManyFilesShareFewRunsAndAFailedCopyFailsOnlyItsFile) {
+  TempDir d;
+  std::filesystem::create_directories(d / "bin");
+  writeFile(d / "bin/Replicate",
+            "#!/bin/sh\necho >> " + (d / "runs") + "\nexec " + REPLICATE_DIR + "/Replicate \"$@\"\n");
+  chmod((d / "bin/Replicate").c_str(), 0755);
+  std::vector<std::string> names;
+  for (int dir = 0; dir < 20; ++dir) {
+    std::filesystem::create_directories(d / ("src/d" + std::to_string(dir)));
+    for (int file = 0; file < 100; ++file) {
+      names.push_back("d" + std::to_string(dir) + "/f" + std::to_string(file));
+      writeFile(d / "src/" + names.back(), names.back());
+    }
+  }
+  std::string const broken = "d7/f42";
+  std::filesystem::create_directories(d / "dst/" + broken + "/in-the-way");
+  std::string text = "maxConcurrentReplications: 2\nrequesters:\n  web:\n    mode: inotify\n"
+                     "    retryInterval: 600\n    files:\n";
+  for (auto const& name : names) text += "      - {path: " + (d / "src/" + name) + ", dstPath: " + (d / "dst/" + name) + "}\n";
+  writeFile(d / "filerep.yaml", text);
+  AgentProcess agent(d / "filerep.yaml", d / "filerep.sock",
+                     {"PATH=" + d.path() + "/bin:" + std::string(getenv("PATH"))});
+  ASSERT_TRUE(agent.ready()) << agent.log();
+
+  std::map<std::string, int> counts;
+  ASSERT_TRUE(eventually([&] {
+    counts.clear();
+    auto const status = agent.status();
+    for (auto const& name : names) {
+      auto const file = fileStatus(status, "web", d / "src/" + name);
+      ++counts[file.is_object() && file["status"].is_string() ? file["status"].get<std::string>() : "none"];
+    }
+    return counts["synchronized"] + counts["failed"] == int(names.size());
+  }, 120)) << agent.log();
+  EXPECT_EQ(1, counts["failed"]);
+  EXPECT_EQ("failed", fileStatus(agent.status(), "web", d / "src/" + broken)["status"]);
+  for (auto const& name : names) {
+    if (name == broken) continue;
+    ASSERT_EQ(name, readFile(d / "dst/" + name)) << name;
+  }
+  std::string const runs = readFile(d / "runs");
+  EXPECT_LT(std::count(runs.begin(), runs.end(), '\n'), 40) << "files due together share runs";
 }
 
 TEST(AgentE2e, CommandLineErrorsAreClearAndExitNonZero) {
