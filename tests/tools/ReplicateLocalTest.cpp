@@ -107,6 +107,13 @@ TEST(ReplicateLocalIntegration, ReportsWhatFailed) {
   result = copy(directory, "source", "target", "--no-such-option");
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.err, HasSubstr("Replicate: rsync failed with exit code 1 (syntax or usage error)"));
+
+  // A directory where the copy belongs is not the copy.
+  std::filesystem::create_directories(directory / "in-the-way");
+  result = copy(directory, "source", "in-the-way", "-a");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("target \"in-the-way\" is a directory"));
+  EXPECT_FALSE(exists(directory / "in-the-way/source"));
 }
 
 TEST(ReplicateLocalIntegration, NeitherOptionsNorNamesRunAsCode) {
