@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -260,6 +261,9 @@ void ChildManager::endMembers(ChildSiginfo const& carrier, Batch& batch, ChildBa
     member.manager_ = nullptr;
   }
   startWaiting();
+  // What the members ask for next is due together again: it waits for the
+  // next turn as a whole instead of its first child starting alone.
+  if (std::count(attached.begin(), attached.end(), true) > 1) startWaitingSoon();
   for (std::size_t i = 0; i < batch.members.size(); ++i) {
     if (attached[i] && i < ends.size()) batch.members[i]->endedIs(ends[i].code, ends[i].exitStatus);
   }
