@@ -13,6 +13,21 @@ struct Options {
   // The stand-in Replicate and the agent, from the build.
   std::string standinDir;
   std::string filerepProgram;
+  // The real Replicate, and the ssh that adds the benchmark's own
+  // configuration, from the build.
+  std::string replicateDir;
+  std::string sshWrapperDir;
+  // PATH as it was before the stand-in went first.
+  std::string path;
+  // Sizes of the benchmarks of the real agent; 0 for the default of the
+  // mode.
+  int files = 0;
+  int samples = 0;
+  int stormFiles = 0;
+  int rewrites = 0;
+  // How long the agent gets to replicate everything before it is given up
+  // on; 0 for the default of the mode.
+  double limitSeconds = 0;
 };
 
 void reactionBench(Options const& options, Report& report);
@@ -20,5 +35,11 @@ void scaleBench(Options const& options, Report& report);
 void stormBench(Options const& options, Report& report);
 void idleBench(Options const& options, Report& report);
 void enduranceBench(Options const& options, Report& report);
+// The real agent with the real Replicate and rsync.
+void syncBench(Options const& options, Report& report);
+void sshSyncBench(Options const& options, Report& report);
+void expiryBench(Options const& options, Report& report);
+void latencyBench(Options const& options, Report& report);
+void rsyncStormBench(Options const& options, Report& report);
 
 }  // namespace SystemBench

@@ -1,11 +1,5 @@
 // Idle: the real agent with 10,000 configured files and nothing changing.
 // What CPU it uses over a window once its first runs are done.
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -15,7 +9,7 @@
 #include "agent/ControlClient.h"
 #include "bench/system/Benches.h"
 #include "bench/system/Measure.h"
-#include "bench/system/StandinLog.h"
+#include "bench/system/Processes.h"
 #include "bench/system/TempTree.h"
 
 namespace SystemBench {
@@ -36,45 +30,6 @@ std::string configText(std::vector<std::string> const& paths) {
   return text;
 }
 
-// The agent as a child of ours, stopped with SIGTERM at the end of scope.
-class AgentProcess {
- public:
-  AgentProcess(std::string const& program, std::string const& config, std::string const& socket,
-               std::string const& logFile) {
-    std::vector<std::string> args = {program, "run", "--config", config, "--socket", socket};
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, logFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    int const rc = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) throw std::runtime_error("cannot start " + program);
-  }
-  ~AgentProcess() {
-    if (pid_ > 0) stop();
-  }
-  AgentProcess(AgentProcess const&) = delete;
-  AgentProcess& operator=(AgentProcess const&) = delete;
-
-  pid_t pid() const { return pid_; }
-  // The exit status, or -1 when it did not exit by itself.
-  int stop() {
-    kill(pid_, SIGTERM);
-    int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
- private:
-  pid_t pid_ = -1;
-};
-
 bool allSynchronized(nlohmann::json const& status, std::size_t files) {
   std::size_t synchronized = 0;
   for (auto const& [name, requester] : status["requesters"].items()) {
@@ -94,27 +49,26 @@ void idleBench(Options const& options, Report& report) {
   auto const paths = tree.filesIs("src", 100, perDir, true);
   std::filesystem::create_directories(tree / "etc");
   writeFile(tree / "etc/filerep.yaml", configText(paths));
-  StandinLog log(tree / "standin.fifo");
 
   std::int64_t const t0 = monotonicNs();
-  AgentProcess agent(options.filerepProgram, tree / "etc/filerep.yaml", tree / "filerep.sock", tree / "agent.log");
-  std::size_t const started = log.awaitCount(paths.size(), 30);
-  if (started < paths.size()) {
-    throw std::runtime_error("only " + std::to_string(started) + " first runs started; the agent said:\n" +
-                             readText(tree / "agent.log"));
-  }
-  // The last children may still be ending: ask until every file is done.
-  bool done = false;
-  for (int attempt = 0; attempt < 200 && !done; ++attempt) {
+  AgentProcess agent(options.filerepProgram, tree / "etc/filerep.yaml", tree / "filerep.sock", tree / "agent.log",
+                     environmentWith({}));
+  // The first runs are done when the agent has been quiet a while: a
+  // status reply for every file is asked for only then, since it costs.
+  std::int64_t done = -1;
+  for (int attempt = 0; attempt < 10 && done < 0; ++attempt) {
+    std::int64_t const quiet = awaitQuiet(agent.pid(), 0.2, monotonicNs() + 30'000'000'000);
     try {
-      done = allSynchronized(Agent::request(tree / "filerep.sock", {{"command", "status"}}), paths.size());
+      if (quiet >= 0 && allSynchronized(Agent::request(tree / "filerep.sock", {{"command", "status"}}), paths.size())) {
+        done = quiet;
+      }
     } catch (std::exception const&) {
     }
-    if (!done) std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
-  if (!done)
-    throw std::runtime_error("the first runs did not all succeed; the agent said:\n" + readText(tree / "agent.log"));
-  double const startupMs = double(monotonicNs() - t0) / 1e6;
+  if (done < 0) {
+    throw std::runtime_error("the first runs did not all succeed; the agent said:\n" + agent.logTail());
+  }
+  double const startupMs = double(done - t0) / 1e6;
 
   // Let the status request's own work finish before the window opens.
   std::this_thread::sleep_for(std::chrono::milliseconds(200));

@@ -58,20 +58,23 @@ std::int64_t processCpuNs(pid_t pid) {
   return total;
 }
 
-std::int64_t processCpuTicksNs(pid_t pid) {
+std::int64_t processCpuTicksNs(pid_t pid) { return processTimes(pid).ownNs; }
+
+ProcessTimes processTimes(pid_t pid) {
   std::string const line = readText("/proc/" + std::to_string(pid) + "/stat");
   auto const end = line.rfind(')');
-  if (end == std::string::npos) return 0;
-  // The command name may hold spaces; the fields after it do not. utime and
-  // stime are fields 14 and 15, the state (field 3) comes first.
+  if (end == std::string::npos) return {};
+  // The command name may hold spaces; the fields after it do not. utime,
+  // stime, cutime and cstime are fields 14 to 17, the state (field 3) comes
+  // first.
   std::istringstream fields(line.substr(end + 2));
   std::string field;
-  std::int64_t utime = 0, stime = 0;
-  for (int i = 3; i <= 15 && fields >> field; ++i) {
-    if (i == 14) utime = std::stoll(field);
-    if (i == 15) stime = std::stoll(field);
+  std::int64_t ticks[4] = {};
+  for (int i = 3; i <= 17 && fields >> field; ++i) {
+    if (i >= 14) ticks[i - 14] = std::stoll(field);
   }
-  return (utime + stime) * (1000000000 / sysconf(_SC_CLK_TCK));
+  std::int64_t const tickNs = 1000000000 / sysconf(_SC_CLK_TCK);
+  return {(ticks[0] + ticks[1]) * tickNs, (ticks[2] + ticks[3]) * tickNs};
 }
 
 std::size_t processResidentBytes(pid_t pid) {

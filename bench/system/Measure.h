@@ -18,6 +18,14 @@ std::int64_t threadSystemNs();
 // accounting (nanoseconds), and from /proc/PID/stat (clock ticks, coarse).
 std::int64_t processCpuNs(pid_t pid);
 std::int64_t processCpuTicksNs(pid_t pid);
+// Also from /proc/PID/stat: what a process used itself, and what the
+// children it reaped used (theirs including their own reaped children).
+struct ProcessTimes {
+  std::int64_t ownNs = 0;
+  std::int64_t childrenNs = 0;
+  std::int64_t totalNs() const { return ownNs + childrenNs; }
+};
+ProcessTimes processTimes(pid_t pid);
 std::size_t processResidentBytes(pid_t pid);
 
 // The whole of a (small) file, empty when it cannot be read.

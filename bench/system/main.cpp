@@ -2,11 +2,14 @@
 #include <stdlib.h>
 #include <sys/utsname.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <iostream>
 #include <map>
 #include <set>
+#include <vector>
 #include <sstream>
 
 #include "bench/system/Benches.h"
@@ -17,9 +20,24 @@ namespace {
 using SystemBench::Report;
 
 int usage(char const* program) {
-  std::cerr << "usage: " << program << " [--quick] [--json] [--only NAME[,NAME...]]\n"
-            << "  NAME: reaction, scale, storm, idle, endurance\n";
+  std::cerr << "usage: " << program
+            << " [--quick] [--json] [--only NAME[,NAME...]] [--files N] [--samples N]\n"
+               "       [--storm-files N] [--rewrites N] [--limit SECONDS]\n"
+               "  NAME, with a stand-in Replicate: reaction, scale, storm, idle, endurance\n"
+               "  NAME, with the real Replicate, rsync and ssh: sync (initial sync), sshsync (the same over\n"
+               "    ssh to a test sshd), expiry (periodic expiry), latency (one edit), rsyncstorm (rewrites)\n"
+               "  --files N        files of sync, sshsync and expiry (10000; quick: 300)\n"
+               "  --samples N      edits of latency (100; quick: 10)\n"
+               "  --storm-files N  files of rsyncstorm (100; quick: 20)\n"
+               "  --rewrites N     rewrites of each of them (1000; quick: 50)\n"
+               "  --limit SECONDS  time the agent gets to replicate everything (180; quick: 60)\n";
   return 2;
+}
+
+bool positive(char const* text, double& value) {
+  char* end = nullptr;
+  value = std::strtod(text, &end);
+  return end != text && *end == '\0' && value > 0;
 }
 
 }  // namespace
@@ -28,23 +46,43 @@ int main(int argc, char** argv) {
   SystemBench::Options options;
   options.standinDir = SYSTEM_BENCH_STANDIN_DIR;
   options.filerepProgram = SYSTEM_BENCH_FILEREP;
+  options.replicateDir = SYSTEM_BENCH_REPLICATE_DIR;
+  options.sshWrapperDir = SYSTEM_BENCH_SSH_WRAPPER_DIR;
   bool json = false;
   std::set<std::string> only;
-  std::map<std::string, std::function<void(SystemBench::Options const&, Report&)>> const benches = {
+  // In the order they run.
+  std::vector<std::pair<std::string, std::function<void(SystemBench::Options const&, Report&)>>> const benches = {
       {"reaction", SystemBench::reactionBench},
       {"scale", SystemBench::scaleBench},
       {"storm", SystemBench::stormBench},
       {"idle", SystemBench::idleBench},
-      {"endurance", SystemBench::enduranceBench}};
+      {"endurance", SystemBench::enduranceBench},
+      {"sync", SystemBench::syncBench},
+      {"sshsync", SystemBench::sshSyncBench},
+      {"expiry", SystemBench::expiryBench},
+      {"latency", SystemBench::latencyBench},
+      {"rsyncstorm", SystemBench::rsyncStormBench}};
+  std::map<std::string, int*> const sizes = {{"--files", &options.files},
+                                             {"--samples", &options.samples},
+                                             {"--storm-files", &options.stormFiles},
+                                             {"--rewrites", &options.rewrites}};
   for (int i = 1; i < argc; ++i) {
     if (!std::strcmp(argv[i], "--quick")) {
       options.quick = true;
     } else if (!std::strcmp(argv[i], "--json")) {
       json = true;
+    } else if (sizes.count(argv[i]) && i + 1 < argc) {
+      double value = 0;
+      if (!positive(argv[++i], value) || value != int(value)) return usage(argv[0]);
+      *sizes.at(argv[i - 1]) = int(value);
+    } else if (!std::strcmp(argv[i], "--limit") && i + 1 < argc) {
+      if (!positive(argv[++i], options.limitSeconds)) return usage(argv[0]);
     } else if (!std::strcmp(argv[i], "--only") && i + 1 < argc) {
       std::istringstream names(argv[++i]);
       for (std::string name; std::getline(names, name, ',');) {
-        if (!benches.count(name)) return usage(argv[0]);
+        if (std::none_of(benches.begin(), benches.end(), [&](auto const& b) { return b.first == name; })) {
+          return usage(argv[0]);
+        }
         only.insert(name);
       }
     } else {
@@ -53,9 +91,10 @@ int main(int argc, char** argv) {
   }
 
   // Every Replicate started from here, by the library or by the agent, is
-  // the stand-in.
+  // the stand-in, unless a benchmark of the real one says otherwise.
   char const* path = getenv("PATH");
-  setenv("PATH", (options.standinDir + ":" + (path ? path : "/usr/bin:/bin")).c_str(), 1);
+  options.path = path ? path : "/usr/bin:/bin";
+  setenv("PATH", (options.standinDir + ":" + options.path).c_str(), 1);
   unsetenv("KEL_TRACE");
 
   Report report;
@@ -66,10 +105,10 @@ int main(int argc, char** argv) {
                     {"kernel", std::string(host.release)},
                     {"quick", options.quick}});
   bool failed = false;
-  for (char const* name : {"reaction", "scale", "storm", "idle", "endurance"}) {
+  for (auto const& [name, bench] : benches) {
     if (!only.empty() && !only.count(name)) continue;
     try {
-      benches.at(name)(options, report);
+      bench(options, report);
     } catch (std::exception const& e) {
       std::cerr << "system_bench: " << name << ": " << e.what() << std::endl;
       report.noteIs(name, std::string("failed: ") + e.what());

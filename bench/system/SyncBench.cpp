@@ -1,0 +1,282 @@
+// Many small files with the real agent, Replicate and rsync: the initial
+// sync, locally and over ssh to an sshd of our own on 127.0.0.1, and a
+// periodic expiry over files that did not change. Each against one rsync
+// of the same files, timed the same way in the same run: this machine is
+// too noisy for figures measured apart.
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+#include "agent/ControlClient.h"
+#include "bench/system/Benches.h"
+#include "bench/system/Measure.h"
+#include "bench/system/Processes.h"
+#include "bench/system/Replicas.h"
+#if SYSTEM_BENCH_SSHD
+#include "tests/support/TestSshd.h"
+#endif
+
+namespace SystemBench {
+
+namespace {
+
+std::int64_t nanoseconds(double seconds) { return std::int64_t(seconds * 1e9); }
+double secondsSince(std::int64_t t0, std::int64_t t1) { return double(t1 - t0) / 1e9; }
+
+int fileCount(Options const& options) { return options.files > 0 ? options.files : options.quick ? 300 : 10000; }
+
+// A status reply for 10,000 files costs the agent a lot: it is asked once,
+// at the end.
+StatusCounts finalStatus(AgentProcess& agent) {
+  awaitQuiet(agent.pid(), 0.05, monotonicNs() + nanoseconds(5));
+  try {
+    return statusCounts(Agent::request(agent.socket(), {{"command", "status"}}, 60));
+  } catch (std::exception const&) {
+    return {};
+  }
+}
+
+// A failed run leaves its file failed for retryInterval (10 s by default)
+// before it is tried again: a failure whose copy arrived anyway still shows
+// at the end, and one whose copy did not holds the wait up that long and
+// shows only in the lines Replicate left in the agent's log.
+void correctness(Report& report, std::string const& bench, std::size_t files, std::size_t wrong,
+                 StatusCounts const& status, std::string const& agentLog) {
+  report.figureIs(bench, "destinations wrong or missing", double(wrong), "", Report::check, "0", wrong == 0);
+  double const unsynchronized = double(files - std::min(files, status.synchronized));
+  report.figureIs(bench, "files not synchronized at the end", unsynchronized, "", Report::check, "0",
+                  unsynchronized == 0);
+  report.figureIs(bench, "  of which failed", double(status.failed), "");
+  std::size_t complaints = agentLog.rfind("Replicate: ", 0) == 0;
+  for (std::size_t at = 0; (at = agentLog.find("\nReplicate: ", at)) != std::string::npos; ++at) ++complaints;
+  report.figureIs(bench, "Replicate's failure lines in the agent's log", double(complaints), "");
+}
+
+// Where the copies go: this machine, or an ssh host.
+struct Target {
+  std::string host;
+  std::vector<std::string> env;
+};
+
+void initialSync(Options const& options, Report& report, std::string const& bench, TempTree& tree,
+                 Target const& target) {
+  double const limit = convergenceLimit(options);
+  SourceFiles files(tree, fileCount(options));
+  std::string const prefix = target.host.empty() ? "" : target.host + ":";
+  auto floor = [&](std::string const& under) {
+    Arrivals arrivals(files.destinationsIs(under));
+    return timedCopy({"rsync", "-a", "--files-from=" + files.listFile, files.root + "/", prefix + tree / under + "/"},
+                     target.env, arrivals, monotonicNs() + nanoseconds(limit), tree / (under + ".log"));
+  };
+  Timed const before = floor("floor-before");
+
+  auto const destinations = files.destinationsIs("dst");
+  Arrivals arrivals(destinations);
+  std::string settings = "    mode: inotify\n";
+  if (!target.host.empty()) settings += "    remoteHosts: [" + target.host + "]\n";
+  writeFile(tree / "filerep.yaml", agentConfig(settings, files.paths, destinations));
+  std::int64_t const t0 = monotonicNs();
+  AgentProcess agent(options.filerepProgram, tree / "filerep.yaml", tree / "filerep.sock", tree / "agent.log",
+                     target.env);
+  std::int64_t const last = arrivals.awaitAll(t0 + nanoseconds(limit), [&] { return !agent.running(); });
+  bool const converged = last >= 0;
+  double const agentSeconds = secondsSince(t0, converged ? last : monotonicNs());
+  if (!agent.running()) throw std::runtime_error("the agent ended:\n" + agent.logTail());
+  std::size_t const wrong = wrongDestinations(files.paths, destinations);
+  StatusCounts const status = finalStatus(agent);
+  ProcessTimes const cpu = processTimes(agent.pid());
+  agent.stop();
+  std::string const agentLog = agent.log();
+  Timed const after = floor("floor-after");
+
+  double const floorSeconds = (before.arrivedSeconds + after.arrivedSeconds) / 2;
+  double const ratio = agentSeconds / floorSeconds;
+  report.figureIs(bench, converged ? "initial sync, agent / floor" : "initial sync, agent / floor (gave up: more)",
+                  ratio, "x", Report::target, "<= 1.5 x floor", converged && ratio <= 1.5);
+  report.figureIs(bench, "  agent: start to all arrived", agentSeconds, "s");
+  report.figureIs(bench, "  floor: rsync --files-from, start to all arrived", floorSeconds, "s");
+  report.figureIs(bench, "  floor: start to exit", (before.exitedSeconds + after.exitedSeconds) / 2, "s");
+  report.figureIs(bench, "  agent CPU with its children", double(cpu.totalNs()) / 1e9, "s");
+  correctness(report, bench, files.paths.size(), wrong, status, agentLog);
+  std::string text = std::to_string(files.paths.size()) + " files in " + std::to_string(files.dirs) +
+                     " directories, an inotify requester with default settings";
+  if (!target.host.empty()) text += ", remoteHosts: [" + target.host + "]";
+  if (!converged) {
+    text += "; gave up after " + std::to_string(int(limit)) + " s with " + std::to_string(arrivals.arrived()) +
+            " files arrived";
+  }
+  report.noteIs(bench, text +
+                           "; floor: the mean of one rsync just before the agent and one just after; arrival: "
+                           "renamed into place, as inotify on the destination directories sees it");
+}
+
+#if SYSTEM_BENCH_SSHD
+// The test sshd, reached as an operator would set it up: through ssh's own
+// configuration, since RSYNC_RSH would also switch off the connections
+// Replicate shares. ssh reads ~/.ssh/config from the home directory of the
+// passwd entry, whatever $HOME says, so the benchmark's configuration goes
+// in with -F, which a wrapper named ssh first on PATH adds.
+class SshTarget {
+ public:
+  explicit SshTarget(Options const& options)
+      // The control socket Replicate makes under XDG_RUNTIME_DIR must fit
+      // in a socket address: a short directory.
+      : directory_("ssh", "/tmp"), program_(programOnPath("ssh", options.path)), config_(directory_ / "ssh_config") {
+    if (program_.empty()) throw std::runtime_error("no ssh on PATH");
+    // client_key in its directory is the key the test sshd lets in.
+    writeFile(config_, "Host 127.0.0.1\n  Port " + std::to_string(sshd_.port()) + "\n  IdentityFile " +
+                           sshd_.directory() + "/client_key\n  IdentitiesOnly yes\n  StrictHostKeyChecking no\n"
+                           "  UserKnownHostsFile /dev/null\n  LogLevel ERROR\n  BatchMode yes\n");
+    env_ = realEnvironment(options,
+                           {"FILEREP_BENCH_SSH_PROGRAM=" + program_, "FILEREP_BENCH_SSH_CONFIG=" + config_,
+                            "XDG_RUNTIME_DIR=" + directory_.path()},
+                           options.sshWrapperDir);
+  }
+  ~SshTarget() {
+    // The connection Replicate shares outlives the agent by a minute.
+    std::string const control = directory_ / ("replicate-" + std::to_string(geteuid()));
+    if (access(control.c_str(), F_OK) == 0) {
+      run({program_, "-F", config_, "-o", "ControlPath=" + control + "/%C", "-O", "exit", "127.0.0.1"}, env_);
+    }
+  }
+  SshTarget(SshTarget const&) = delete;
+  SshTarget& operator=(SshTarget const&) = delete;
+
+  std::vector<std::string> const& environment() const { return env_; }
+
+ private:
+  TestSshd sshd_;
+  TempTree directory_;
+  std::string program_;
+  std::string config_;
+  std::vector<std::string> env_;
+};
+#endif
+
+}  // namespace
+
+void syncBench(Options const& options, Report& report) {
+  TempTree tree("sync");
+  initialSync(options, report, "sync", tree, {"", realEnvironment(options)});
+}
+
+void sshSyncBench(Options const& options, Report& report) {
+#if SYSTEM_BENCH_SSHD
+  std::unique_ptr<SshTarget> ssh;
+  try {
+    ssh = std::make_unique<SshTarget>(options);
+  } catch (std::exception const& e) {
+    report.noteIs("sshsync", std::string("skipped: no sshd to test with: ") + e.what());
+    return;
+  }
+  TempTree tree("sshsync");
+  initialSync(options, report, "sshsync", tree, {"127.0.0.1", ssh->environment()});
+#else
+  report.noteIs("sshsync", "skipped: built without the tests' support library, which starts the test sshd");
+#endif
+}
+
+void expiryBench(Options const& options, Report& report) {
+  std::string const b = "expiry";
+  double const limit = convergenceLimit(options);
+  TempTree tree("expiry");
+  SourceFiles files(tree, fileCount(options));
+  auto const env = realEnvironment(options);
+
+  // Over copies already there, as the agent's runs go; --ignore-times
+  // rewrites every file, as Replicate does.
+  auto const floorDestinations = files.destinationsIs("floor");
+  Arrivals floorArrivals(floorDestinations);
+  std::vector<std::string> const floorArgv = {"rsync", "-a", "--ignore-times", "--files-from=" + files.listFile,
+                                              files.root + "/", tree / "floor/"};
+  auto floor = [&] {
+    floorArrivals.reset();
+    return timedCopy(floorArgv, env, floorArrivals, monotonicNs() + nanoseconds(limit), tree / "floor.log");
+  };
+  floor();
+  Timed const before = floor();
+
+  auto const destinations = files.destinationsIs("dst");
+  Arrivals arrivals(destinations);
+  // Waiting for a slot counts toward the time-out today, and thousands of
+  // waiting files would fail and retry: what is measured here is the
+  // expiry, not that.
+  auto config = [&](int period) {
+    return agentConfig("    mode: periodic\n    period: " + std::to_string(period) + "\n    replicationTimeout: 3600\n",
+                       files.paths, destinations);
+  };
+  writeFile(tree / "filerep.yaml", config(86400));
+  std::int64_t const t0 = monotonicNs();
+  AgentProcess agent(options.filerepProgram, tree / "filerep.yaml", tree / "filerep.sock", tree / "agent.log", env);
+  auto ended = [&] { return !agent.running(); };
+  std::int64_t const synced = arrivals.awaitAll(t0 + nanoseconds(limit), ended);
+  if (synced < 0) {
+    if (ended()) throw std::runtime_error("the agent ended:\n" + agent.logTail());
+    report.noteIs(b, "not measured: the initial sync did not end within " + std::to_string(int(limit)) + " s (" +
+                         std::to_string(arrivals.arrived()) + " of " + std::to_string(arrivals.size()) +
+                         " files arrived); raise --limit");
+    return;
+  }
+  double const initialSeconds = secondsSince(t0, synced);
+  awaitQuiet(agent.pid(), 0.1, monotonicNs() + nanoseconds(limit));
+
+  // The period goes short only now, so that the expiry finds every machine
+  // idle however long the initial sync took; twice what the initial sync
+  // took (the same work), so that the next expiry does not fall inside the
+  // one measured.
+  int const period = std::max(options.quick ? 1 : 2, int(std::ceil(2 * initialSeconds)));
+  arrivals.reset();
+  writeFile(tree / "filerep.yaml.new", config(period));
+  std::filesystem::rename(tree / "filerep.yaml.new", tree / "filerep.yaml");
+  std::int64_t const rewritten = monotonicNs();
+  // The first child the agent starts is the expiry; looking closely only
+  // near the time keeps the looking cheap.
+  std::int64_t expiry = -1;
+  while (expiry < 0 && monotonicNs() < rewritten + nanoseconds(period + 30) && !ended()) {
+    if (childrenOf(agent.pid()) > 0) {
+      expiry = monotonicNs();
+    } else {
+      bool const near = monotonicNs() > rewritten + nanoseconds(0.9 * period);
+      std::this_thread::sleep_for(std::chrono::milliseconds(near ? 1 : 50));
+    }
+  }
+  if (expiry < 0) throw std::runtime_error("no run started after the period expired:\n" + agent.logTail());
+  ProcessTimes const cpuBefore = processTimes(agent.pid());
+  std::int64_t const last = arrivals.awaitAll(expiry + nanoseconds(limit), ended);
+  bool const converged = last >= 0;
+  double const agentSeconds = secondsSince(expiry, converged ? last : monotonicNs());
+  if (ended()) throw std::runtime_error("the agent ended:\n" + agent.logTail());
+  std::size_t const wrong = wrongDestinations(files.paths, destinations);
+  StatusCounts const status = finalStatus(agent);
+  ProcessTimes const cpuAfter = processTimes(agent.pid());
+  agent.stop();
+  std::string const agentLog = agent.log();
+  Timed const after = floor();
+
+  double const floorSeconds = (before.arrivedSeconds + after.arrivedSeconds) / 2;
+  double const ratio = agentSeconds / floorSeconds;
+  report.figureIs(b, converged ? "periodic expiry, agent / floor" : "periodic expiry, agent / floor (gave up: more)",
+                  ratio, "x", Report::target, "<= 1.5 x floor", converged && ratio <= 1.5);
+  report.figureIs(b, "  agent: expiry to all rewritten", agentSeconds, "s");
+  report.figureIs(b, "  floor: rsync --ignore-times, start to all rewritten", floorSeconds, "s");
+  report.figureIs(b, "  floor: start to exit", (before.exitedSeconds + after.exitedSeconds) / 2, "s");
+  report.figureIs(b, "  agent CPU with its children", double(cpuAfter.totalNs() - cpuBefore.totalNs()) / 1e9, "s");
+  report.figureIs(b, "  initial sync before it", initialSeconds, "s");
+  report.figureIs(b, "  new period written to first run", secondsSince(rewritten, expiry), "s");
+  correctness(report, b, files.paths.size(), wrong, status, agentLog);
+  std::string text = std::to_string(files.paths.size()) + " unchanged files in " + std::to_string(files.dirs) +
+                     " directories, a periodic requester whose period is made " + std::to_string(period) +
+                     " s once its initial sync is done; the expiry starts with the agent's first child";
+  if (!converged) {
+    text += "; gave up after " + std::to_string(int(limit)) + " s with " + std::to_string(arrivals.arrived()) +
+            " files rewritten";
+  }
+  report.noteIs(b, text + "; floor: the mean of one rsync just before the agent and one just after");
+}
+
+}  // namespace SystemBench
