@@ -1,4 +1,5 @@
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -93,4 +94,35 @@ TEST(ReplicateRemoteIntegration, CopiesABatchWithOneRsyncPerHost) {
   result = copyBatch("alpha,user@beta");
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "0\n0\n");
+}
+
+// With its own ssh command, Replicate shares one connection per host: of
+// runs that start together, one opens it while the others wait, and a host
+// that could not be reached is left to each run for a while.
+TEST(ReplicateRemoteIntegration, RunsStartingTogetherOpenOneSharedConnection) {
+  TempDir directory;
+  const FakeSsh ssh(directory);
+  ASSERT_EQ(mkdir((directory / "bin").c_str(), 0755), 0);
+  ASSERT_EQ(symlink((directory / "fake-ssh").c_str(), (directory / "bin/ssh").c_str()), 0);
+  ASSERT_EQ(mkdir((directory / "run").c_str(), 0700), 0);
+  const std::vector<std::string> environment = {"PATH=" + directory / "bin" + ":" + getenv("PATH"),
+                                                "XDG_RUNTIME_DIR=" + directory / "run", "RSYNC_RSH="};
+  writeFile(directory / "source", "content");
+  const auto copyTo = [&](const std::string& host) {
+    return spawnProcess({REPLICATE_PROGRAM, "--cmd", "rsyncFile", "--remoteHosts", host, "--source", "source",
+                         "--target", "copy", "--rsyncOptions", "-a"},
+                        environment, directory.path(), -1, -1);
+  };
+
+  std::vector<pid_t> together;
+  for (int i = 0; i < 4; ++i) together.push_back(copyTo("alpha"));
+  for (const pid_t run : together) EXPECT_EQ(exitCode(run), 0);
+  EXPECT_EQ(ssh.hostsContacted().size(), 5u) << "one run of nothing opens it, four copies use it";
+  EXPECT_EQ(exitCode(copyTo("alpha")), 0);
+  EXPECT_EQ(ssh.hostsContacted().size(), 6u) << "once open, a copy goes straight through";
+  EXPECT_EQ(readFile(ssh.home("alpha") + "/copy"), "content");
+
+  EXPECT_EQ(exitCode(copyTo("gone.invalid")), 1);
+  EXPECT_EQ(exitCode(copyTo("gone.invalid")), 1);
+  EXPECT_EQ(ssh.hostsContacted().size(), 9u) << "an unreachable host is not tried twice per run";
 }

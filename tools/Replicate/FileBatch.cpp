@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
 
@@ -81,7 +82,8 @@ class ListFile {
   int fd_;
 };
 
-std::vector<DestinationBatch> destinationBatches(const CommandLine& line, const std::vector<size_t>& files) {
+std::vector<DestinationBatch> destinationBatches(const CommandLine& line, const std::vector<size_t>& files,
+                                                const RemoteShell* shell) {
   const std::string sourceRoot = localPathForRsync(withTrailingSlash(line.source));
   const std::string targetRoot = withTrailingSlash(line.target);
   std::vector<std::string> arguments = rsyncArguments(line.rsyncOptions);
@@ -95,7 +97,7 @@ std::vector<DestinationBatch> destinationBatches(const CommandLine& line, const 
     destinations.emplace_back("", std::move(arguments), files);
     return destinations;
   }
-  addRemoteOptions(arguments, RemoteShell::fromEnvironment());
+  addRemoteOptions(arguments, *shell);
   arguments.insert(arguments.end(), {"--", sourceRoot});
   for (const HostAddress& host : line.remoteHosts) {
     arguments.push_back(host.rsyncDestination(targetRoot));
@@ -157,18 +159,22 @@ std::vector<bool> copyFiles(const CommandLine& line, const std::vector<std::stri
   if (files.empty()) return copied;
 
   std::string rsync;
+  std::optional<RemoteShell> shell;
   std::vector<DestinationBatch> destinations;
   try {
     rsync = findRsync();
-    destinations = destinationBatches(line, files);
+    if (!line.remoteHosts.empty()) shell = RemoteShell::fromEnvironment();
+    destinations = destinationBatches(line, files, shell ? &*shell : nullptr);
   } catch (const std::runtime_error& error) {
     report(error.what());
     for (const size_t file : files) copied[file] = false;
     return copied;
   }
   // One destination after the other; no batch depends on another's.
-  for (DestinationBatch& destination : destinations) {
+  for (size_t i = 0; i < destinations.size(); ++i) {
+    DestinationBatch& destination = destinations[i];
     try {
+      if (shell) shell->shareConnectionTo(line.remoteHosts[i]);
       if (line.remoteHosts.empty()) makeDirectories(line.target);
       runToTheEnd(destination, rsync, names);
     } catch (const std::runtime_error& error) {

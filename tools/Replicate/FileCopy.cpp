@@ -30,10 +30,12 @@ bool copyFile(const CommandLine& line) {
     return false;
   }
 
-  addRemoteOptions(arguments, RemoteShell::fromEnvironment());
+  const RemoteShell shell = RemoteShell::fromEnvironment();
+  addRemoteOptions(arguments, shell);
   arguments.insert(arguments.end(), {"--", localPathForRsync(line.source)});
   bool allSucceeded = true;
   for (const HostAddress& host : line.remoteHosts) {
+    shell.shareConnectionTo(host);
     arguments.push_back(host.rsyncDestination(line.target));
     const int status = runChild(rsync, arguments);
     arguments.pop_back();

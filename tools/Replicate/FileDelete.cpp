@@ -38,6 +38,7 @@ bool deleteFile(const CommandLine& line) {
   const std::string remoteCommand = "rm -f -- " + shellQuoted(line.target);
   bool allSucceeded = true;
   for (const HostAddress& host : line.remoteHosts) {
+    shell.shareConnectionTo(host);
     const int status = runChild(program, shell.argumentsFor(host, remoteCommand));
     if (!succeeded(status)) {
       report("host " + host.text() + ": " + describeRemoteDeleteFailure(status));

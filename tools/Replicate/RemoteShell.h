@@ -23,9 +23,20 @@ class RemoteShell {
   // hands remoteCommand to a shell, so it must be quoted for one.
   std::vector<std::string> argumentsFor(const HostAddress& host, const std::string& remoteCommand) const;
 
+  // With our own ssh command, makes sure a shared connection to host is up
+  // before a run uses it. Runs that start together (a burst of shared runs
+  // after a quiet spell) would otherwise each open a connection of their
+  // own, and sshd drops those beyond its limit of connections still logging
+  // in. One run starts the shared connection while the others wait for it;
+  // a host that could not be reached lately is left to each run. Failures
+  // are left to the run itself.
+  void shareConnectionTo(const HostAddress& host) const;
+
  private:
   std::string command_;
   std::vector<std::string> words_;
+  // Empty with $RSYNC_RSH.
+  std::string controlDirectory_;
 };
 
 }  // namespace Replicate
