@@ -17,14 +17,14 @@
 
 namespace SystemBench {
 
-void rsyncStormBench(Options const& options, Report& report) {
+namespace {
+
+// base: where the files are, "" for the temporary directory.
+void stormIn(std::string const& base, std::string const& b, Options const& options, Report& report) {
   int const fileCount = options.stormFiles > 0 ? options.stormFiles : options.quick ? 20 : 100;
   int const rewrites = options.rewrites > 0 ? options.rewrites : options.quick ? 50 : 1000;
   auto const limitNs = std::int64_t(convergenceLimit(options) * 1e9);
-  // On a disk file system every rewrite that truncates waits for the
-  // journal, and the writer would be what is slow.
-  bool const inMemory = access("/dev/shm", W_OK) == 0;
-  TempTree tree("rsyncstorm", inMemory ? "/dev/shm" : "");
+  TempTree tree("rsyncstorm", base);
   SourceFiles files(tree, fileCount);
   auto const destinations = files.destinationsIs("dst");
   Arrivals arrivals(destinations);
@@ -71,7 +71,6 @@ void rsyncStormBench(Options const& options, Report& report) {
   agent.stop();
   if (!settled) throw std::runtime_error("the agent did not settle after the storm");
 
-  std::string const b = "rsyncstorm";
   double const writes = double(fileCount) * rewrites;
   double const perWriteMs = double(after.totalNs() - before.totalNs()) / writes / 1e6;
   report.figureIs(b, "CPU of the agent and its children per write", perWriteMs, "ms", Report::target, "<= 0.2 ms",
@@ -86,9 +85,19 @@ void rsyncStormBench(Options const& options, Report& report) {
                   wrongAtEnd == 0);
   report.noteIs(b, std::to_string(fileCount) + " files x " + std::to_string(rewrites) +
                        " rewrites (open O_TRUNC, write, close) in a loop, in " +
-                       (inMemory ? "/dev/shm" : "the temporary directory") +
+                       (base.empty() ? "the temporary directory (a disk file system)" : base) +
                        ", an inotify requester with default settings; CPU from /proc/PID/stat of the agent "
                        "(utime, stime, cutime, cstime) once everything settled; destinations compared every 10 ms");
+}
+
+}  // namespace
+
+void rsyncStormBench(Options const& options, Report& report) {
+  // In memory the writer is as fast as it gets; on a disk file system every
+  // rewrite that truncates waits for the journal, so the burst lasts longer
+  // and the runs that follow it are more.
+  if (access("/dev/shm", W_OK) == 0) stormIn("/dev/shm", "rsyncstorm", options, report);
+  stormIn("", "rsyncstorm-disk", options, report);
 }
 
 }  // namespace SystemBench

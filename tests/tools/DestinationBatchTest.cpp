@@ -54,4 +54,13 @@ TEST(DestinationBatchTest, SplitsPartialTransfersUntilTheFailingFilesAreFound) {
   });
   EXPECT_THAT(dying.failed(), UnorderedElementsAre(3, 4, 5));
   EXPECT_EQ(dyingRuns.size(), 3u);
+
+  // A file that fails alone while it keeps changing runs again, a few times;
+  // one that fails while it stays put does not.
+  std::vector<int> asked(8, 0);
+  DestinationBatch changing("", {"rsync"}, {0, 1}, [&](size_t file) { return ++asked[file], file == 1; });
+  const std::vector<Files> changingRuns = drive(changing, [](const Files&) { return exitStatus(24); });
+  EXPECT_THAT(changing.failed(), UnorderedElementsAre(0, 1));
+  EXPECT_EQ(std::count(changingRuns.begin(), changingRuns.end(), Files{1}), 3);
+  EXPECT_EQ(std::count(changingRuns.begin(), changingRuns.end(), Files{0}), 1);
 }

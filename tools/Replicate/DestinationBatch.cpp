@@ -1,24 +1,15 @@
 #include "tools/Replicate/DestinationBatch.h"
 
-#include <sys/wait.h>
-
 #include "tools/Replicate/ChildStatus.h"
 #include "tools/Replicate/Printable.h"
 #include "tools/Replicate/Report.h"
+#include "tools/Replicate/RsyncCommand.h"
 
 namespace Replicate {
 
-namespace {
-
-// Some files were not copied, the others were.
-bool partialTransfer(int waitStatus) {
-  return WIFEXITED(waitStatus) && (WEXITSTATUS(waitStatus) == 23 || WEXITSTATUS(waitStatus) == 24);
-}
-
-}  // namespace
-
-DestinationBatch::DestinationBatch(std::string where, std::vector<std::string> arguments, std::vector<size_t> files)
-    : where_(std::move(where)), arguments_(std::move(arguments)) {
+DestinationBatch::DestinationBatch(std::string where, std::vector<std::string> arguments, std::vector<size_t> files,
+                                   std::function<bool(size_t)> changed)
+    : where_(std::move(where)), arguments_(std::move(arguments)), changed_(std::move(changed)) {
   if (!files.empty()) pending_.push_back(std::move(files));
 }
 
@@ -35,6 +26,11 @@ void DestinationBatch::finished(int waitStatus, const std::vector<std::string>& 
     return;
   }
   if (list.size() == 1) {
+    // Rewritten while rsync read it: the next run likely finds it settled.
+    if (changed_ && changed_(list.front()) && retries_[list.front()]++ < retriesWhileChanging) {
+      pending_.push_back(std::move(list));
+      return;
+    }
     failed_.push_back(list.front());
     report(prefix() + "cannot copy " + printable(names[list.front()]) + ": " + describeRsyncFailure(waitStatus));
     return;

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <functional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace Replicate {
@@ -16,8 +18,11 @@ class DestinationBatch {
  public:
   // where names the destination in messages ("host x"), empty for this
   // machine. arguments is rsync's whole argument vector; the list goes to
-  // its stdin. files are indices into the batch's names.
-  DestinationBatch(std::string where, std::vector<std::string> arguments, std::vector<size_t> files);
+  // its stdin. files are indices into the batch's names. changed tells
+  // whether a file's source changed since it was last asked; a file that
+  // fails alone while it changes is run again, a few times.
+  DestinationBatch(std::string where, std::vector<std::string> arguments, std::vector<size_t> files,
+                   std::function<bool(size_t)> changed = {});
 
   bool done() const { return pending_.empty(); }
   const std::vector<std::string>& arguments() const { return arguments_; }
@@ -40,6 +45,8 @@ class DestinationBatch {
   // A stack: the list run next is at the back.
   std::vector<std::vector<size_t>> pending_;
   std::vector<size_t> failed_;
+  std::function<bool(size_t)> changed_;
+  std::unordered_map<size_t, int> retries_;
 };
 
 }  // namespace Replicate

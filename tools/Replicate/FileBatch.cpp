@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
@@ -83,7 +84,8 @@ class ListFile {
 };
 
 std::vector<DestinationBatch> destinationBatches(const CommandLine& line, const std::vector<size_t>& files,
-                                                const RemoteShell* shell) {
+                                                const RemoteShell* shell,
+                                                const std::function<bool(size_t)>& changed) {
   const std::string sourceRoot = localPathForRsync(withTrailingSlash(line.source));
   const std::string targetRoot = withTrailingSlash(line.target);
   std::vector<std::string> arguments = rsyncArguments(line.rsyncOptions);
@@ -94,14 +96,14 @@ std::vector<DestinationBatch> destinationBatches(const CommandLine& line, const 
   std::vector<DestinationBatch> destinations;
   if (line.remoteHosts.empty()) {
     arguments.insert(arguments.end(), {"--", sourceRoot, localPathForRsync(targetRoot)});
-    destinations.emplace_back("", std::move(arguments), files);
+    destinations.emplace_back("", std::move(arguments), files, changed);
     return destinations;
   }
   addRemoteOptions(arguments, *shell);
   arguments.insert(arguments.end(), {"--", sourceRoot});
   for (const HostAddress& host : line.remoteHosts) {
     arguments.push_back(host.rsyncDestination(targetRoot));
-    destinations.emplace_back("host " + host.text(), arguments, files);
+    destinations.emplace_back("host " + host.text(), arguments, files, changed);
     arguments.pop_back();
   }
   return destinations;
@@ -143,13 +145,14 @@ std::vector<bool> copyFiles(const CommandLine& line, const std::vector<std::stri
   std::vector<bool> copied(names.size(), true);
   const std::string sourceRoot = withTrailingSlash(line.source);
   std::vector<size_t> files;
+  std::vector<SourceState> sources(names.size());
   for (size_t i = 0; i < names.size(); ++i) {
     try {
       if (!isPlainRelativeName(names[i])) {
         throw std::runtime_error("refusing name " + printable(names[i]) +
                                  ": it must be relative, without empty, \".\" or \"..\" components");
       }
-      checkSource(sourceRoot + names[i]);
+      sources[i] = checkSource(sourceRoot + names[i]);
       files.push_back(i);
     } catch (const std::runtime_error& error) {
       report(error.what());
@@ -164,7 +167,8 @@ std::vector<bool> copyFiles(const CommandLine& line, const std::vector<std::stri
   try {
     rsync = findRsync();
     if (!line.remoteHosts.empty()) shell = RemoteShell::fromEnvironment();
-    destinations = destinationBatches(line, files, shell ? &*shell : nullptr);
+    destinations = destinationBatches(line, files, shell ? &*shell : nullptr,
+                                      [&](size_t file) { return sourceChanged(sourceRoot + names[file], sources[file]); });
   } catch (const std::runtime_error& error) {
     report(error.what());
     for (const size_t file : files) copied[file] = false;

@@ -11,9 +11,24 @@
 
 namespace Replicate {
 
+namespace {
+
+// rsync's wait status; a copy that failed while the source changed under
+// it is run again, a few times.
+int copyWhileChanging(const std::string& rsync, const std::vector<std::string>& arguments, const std::string& source,
+                      SourceState& state) {
+  int status = runChild(rsync, arguments);
+  for (int retry = 0; retry < retriesWhileChanging && partialTransfer(status) && sourceChanged(source, state); ++retry) {
+    status = runChild(rsync, arguments);
+  }
+  return status;
+}
+
+}  // namespace
+
 bool copyFile(const CommandLine& line) {
   const std::string rsync = findRsync();
-  checkSource(line.source);
+  SourceState source = checkSource(line.source);
   std::vector<std::string> arguments = rsyncArguments(line.rsyncOptions);
 
   if (line.remoteHosts.empty()) {
@@ -24,7 +39,7 @@ bool copyFile(const CommandLine& line) {
     }
     if (const std::string parent = parentOf(line.target); !parent.empty()) makeDirectories(parent);
     arguments.insert(arguments.end(), {"--", localPathForRsync(line.source), localPathForRsync(line.target)});
-    const int status = runChild(rsync, arguments);
+    const int status = copyWhileChanging(rsync, arguments, line.source, source);
     if (succeeded(status)) return true;
     report(describeRsyncFailure(status));
     return false;
@@ -37,7 +52,7 @@ bool copyFile(const CommandLine& line) {
   for (const HostAddress& host : line.remoteHosts) {
     shell.shareConnectionTo(host);
     arguments.push_back(host.rsyncDestination(line.target));
-    const int status = runChild(rsync, arguments);
+    const int status = copyWhileChanging(rsync, arguments, line.source, source);
     arguments.pop_back();
     if (!succeeded(status)) {
       report("host " + host.text() + ": " + describeRsyncFailure(status));

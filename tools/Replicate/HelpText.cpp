@@ -45,7 +45,10 @@ DESCRIPTION
 
     Children are killed when Replicate dies, however it dies. Connections to
     a host are shared between runs: the first one stays open in the
-    background for 60 seconds after its last use.
+    background for 60 seconds after its last use, and runs that start
+    together wait for one of them to open it. Replicate and its children run
+    10 steps nicer than whoever started it, so copies yield the processor to
+    the work whose files they copy.
 
 OPTIONS
     --cmd rsyncFile|rsyncFiles|deleteFile

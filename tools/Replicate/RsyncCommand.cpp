@@ -1,6 +1,7 @@
 #include "tools/Replicate/RsyncCommand.h"
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <cerrno>
 #include <cstring>
@@ -63,12 +64,33 @@ void makeDirectories(const std::string& directory) {
   if (mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) throw failure(errno);
 }
 
-void checkSource(const std::string& source) {
+namespace {
+
+SourceState stateOf(const struct stat& status) {
+  return {status.st_ctim.tv_sec * 1000000000LL + status.st_ctim.tv_nsec, static_cast<long long>(status.st_size)};
+}
+
+}  // namespace
+
+SourceState checkSource(const std::string& source) {
   struct stat status {};
   if (lstat(source.c_str(), &status) != 0) {
     throw std::runtime_error("source " + printable(source) + ": " + std::strerror(errno));
   }
   if (S_ISDIR(status.st_mode)) throw std::runtime_error("source " + printable(source) + " is a directory");
+  return stateOf(status);
+}
+
+bool sourceChanged(const std::string& source, SourceState& state) {
+  struct stat status {};
+  const SourceState now = lstat(source.c_str(), &status) == 0 ? stateOf(status) : SourceState{};
+  const bool changed = now != state;
+  state = now;
+  return changed;
+}
+
+bool partialTransfer(int waitStatus) {
+  return WIFEXITED(waitStatus) && (WEXITSTATUS(waitStatus) == 23 || WEXITSTATUS(waitStatus) == 24);
 }
 
 }  // namespace Replicate

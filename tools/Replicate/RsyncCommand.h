@@ -29,8 +29,26 @@ std::string parentOf(const std::string& path);
 // std::runtime_error naming the directory.
 void makeDirectories(const std::string& directory);
 
+// What a source looked like when it was checked: a copy that failed while
+// it changed is worth another try.
+struct SourceState {
+  long long changeNs = 0;
+  long long size = 0;
+  bool operator==(const SourceState&) const = default;
+};
+
 // Throws std::runtime_error naming source when it cannot be copied: missing,
 // unreadable, or a directory.
-void checkSource(const std::string& source);
+SourceState checkSource(const std::string& source);
+
+// Whether source is no longer as state says; state becomes what it is now.
+bool sourceChanged(const std::string& source, SourceState& state);
+
+// rsync's exit for a run that copied some files and not others; for one
+// file, what a file changing under it leads to.
+bool partialTransfer(int waitStatus);
+
+// How often a file that changed while it failed to copy is copied again.
+inline constexpr int retriesWhileChanging = 2;
 
 }  // namespace Replicate
