@@ -25,6 +25,8 @@ struct Options {
   int samples = 0;
   int stormFiles = 0;
   int rewrites = 0;
+  // The requesters' maxFilesPerRun; 0 leaves the agent's default.
+  int maxFilesPerRun = 0;
   // How long the agent gets to replicate everything before it is given up
   // on; 0 for the default of the mode.
   double limitSeconds = 0;

@@ -25,6 +25,12 @@ namespace SystemBench {
 
 namespace {
 
+// The requester's maxFilesPerRun line, when the run sets one.
+std::string perRun(Options const& options) {
+  if (options.maxFilesPerRun <= 0) return "";
+  return "    maxFilesPerRun: " + std::to_string(options.maxFilesPerRun) + "\n";
+}
+
 std::int64_t nanoseconds(double seconds) { return std::int64_t(seconds * 1e9); }
 double secondsSince(std::int64_t t0, std::int64_t t1) { return double(t1 - t0) / 1e9; }
 
@@ -79,7 +85,7 @@ void initialSync(Options const& options, Report& report, std::string const& benc
   Arrivals arrivals(destinations);
   std::string settings = "    mode: inotify\n";
   if (!target.host.empty()) settings += "    remoteHosts: [" + target.host + "]\n";
-  writeFile(tree / "filerep.yaml", agentConfig(settings, files.paths, destinations));
+  writeFile(tree / "filerep.yaml", agentConfig(settings + perRun(options), files.paths, destinations));
   std::int64_t const t0 = monotonicNs();
   AgentProcess agent(options.filerepProgram, tree / "filerep.yaml", tree / "filerep.sock", tree / "agent.log",
                      target.env);
@@ -203,11 +209,8 @@ void expiryBench(Options const& options, Report& report) {
 
   auto const destinations = files.destinationsIs("dst");
   Arrivals arrivals(destinations);
-  // Waiting for a slot counts toward the time-out today, and thousands of
-  // waiting files would fail and retry: what is measured here is the
-  // expiry, not that.
   auto config = [&](int period) {
-    return agentConfig("    mode: periodic\n    period: " + std::to_string(period) + "\n    replicationTimeout: 3600\n",
+    return agentConfig("    mode: periodic\n    period: " + std::to_string(period) + "\n" + perRun(options),
                        files.paths, destinations);
   };
   writeFile(tree / "filerep.yaml", config(86400));

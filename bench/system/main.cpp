@@ -22,7 +22,7 @@ using SystemBench::Report;
 int usage(char const* program) {
   std::cerr << "usage: " << program
             << " [--quick] [--json] [--only NAME[,NAME...]] [--files N] [--samples N]\n"
-               "       [--storm-files N] [--rewrites N] [--limit SECONDS]\n"
+               "       [--storm-files N] [--rewrites N] [--max-files-per-run N] [--limit SECONDS]\n"
                "  NAME, with a stand-in Replicate: reaction, scale, storm, idle, endurance\n"
                "  NAME, with the real Replicate, rsync and ssh: sync (initial sync), sshsync (the same over\n"
                "    ssh to a test sshd), expiry (periodic expiry), latency (one edit), rsyncstorm (rewrites)\n"
@@ -30,6 +30,7 @@ int usage(char const* program) {
                "  --samples N      edits of latency (100; quick: 10)\n"
                "  --storm-files N  files of rsyncstorm (100; quick: 20)\n"
                "  --rewrites N     rewrites of each of them (1000; quick: 50)\n"
+               "  --max-files-per-run N  the requesters' maxFilesPerRun (the agent's default)\n"
                "  --limit SECONDS  time the agent gets to replicate everything (180; quick: 60)\n";
   return 2;
 }
@@ -65,7 +66,8 @@ int main(int argc, char** argv) {
   std::map<std::string, int*> const sizes = {{"--files", &options.files},
                                              {"--samples", &options.samples},
                                              {"--storm-files", &options.stormFiles},
-                                             {"--rewrites", &options.rewrites}};
+                                             {"--rewrites", &options.rewrites},
+                                             {"--max-files-per-run", &options.maxFilesPerRun}};
   for (int i = 1; i < argc; ++i) {
     if (!std::strcmp(argv[i], "--quick")) {
       options.quick = true;
