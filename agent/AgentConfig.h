@@ -29,7 +29,7 @@ struct RequesterSettings {
   double remoteHostReplicationDelay = 5;
   // Files due together share a Replicate run, up to this many; 1: each file
   // runs alone.
-  std::uint32_t maxFilesPerRun = 1000;
+  std::uint32_t maxFilesPerRun = 2500;
   std::vector<FileSettings> files;
   bool operator==(RequesterSettings const&) const = default;
 };
