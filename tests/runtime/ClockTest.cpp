@@ -276,7 +276,8 @@ TEST(ClockManualTest, SwitchingTimeKeepsPendingTimersAheadByTheSameSpan) {
   t->timeMinIs(clock->now() + 30);
   clock->manualTimeIs(false);
   EXPECT_GT(clock->waitTime(), 29);
-  EXPECT_LE(clock->waitTime(), 30);
+  // The span moves from one clock to the other, with a rounding error.
+  EXPECT_LE(clock->waitTime(), 30 + 1e-6);
   t->timeMinIs(Clock::never);
   EXPECT_EQ(clock->armedTimers(), 0u);
 }
