@@ -25,9 +25,14 @@ class InotifyEvent {
   // order or be left out, and a repeated one overwrites the earlier.
   InotifyEvent(Kel::StrepIterator& it, Kel::StrepIterator end);
 
+  // The kernel reports a full queue with watch id -1 and no type of ours.
+  static constexpr std::uint32_t overflowWatchId = UINT32_MAX;
+
   Type eventType() const { return eventType_; }
   bool isDirectory() const { return isDirectory_; }
   std::uint32_t watchId() const { return watchId_; }
+  // The kernel's queue overflowed: events were lost, and which is unknown.
+  bool isOverflow() const { return eventType_ == none && watchId_ == overflowWatchId; }
   // Empty when the event concerns the watched path itself.
   Kel::String const& fileName() const { return fileName_; }
 

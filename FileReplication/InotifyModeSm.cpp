@@ -196,6 +196,13 @@ void InotifyRequesterConfigSm::handleEventClock() {
 
 void InotifyRequesterConfigSm::handleInotifyEvent(InotifyEvent const& event) {
   KEL_TRACE(3, __PRETTY_FUNCTION__);
+  if (event.isOverflow()) {
+    // Any file may have changed unseen; asking each once loses nothing.
+    KEL_TRACE(6, "Inotify queue overflowed: replicating every file once");
+    requesterStatus()->overflowsIs(requesterStatus()->overflows() + 1);
+    replicateFiles();
+    return;
+  }
   if (event.eventType() == InotifyEvent::none) return;
   // A deletion is replicated too: the run then removes the remote copy.
   Kel::String const* dir = dirName(event.watchId());

@@ -211,6 +211,7 @@ nlohmann::json Agent::status() const {
     }
     requesters[name.str()] = {{"mode", rc->mode() == FileReplication::RequesterConfig::inotify ? "inotify" : "periodic"},
                               {"enabled", rc->enabled()},
+                              {"overflows", rs ? rs->overflows() : 0},
                               {"files", std::move(files)}};
   }
   return {{"requesters", std::move(requesters)}};

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 #include "entities/FileStatus.h"
 #include "runtime/Collection.h"
 #include "runtime/Entity.h"
@@ -13,6 +15,7 @@ class RequesterStatus : public Kel::Entity {
   class NotifieeConst : public Kel::NotifieeBase<RequesterStatus> {
    public:
     virtual void onFile(Kel::Name) {}
+    virtual void onOverflows() {}
   };
   using Notifiee = NotifieeConst;
 
@@ -38,6 +41,12 @@ class RequesterStatus : public Kel::Entity {
   void fileDel(Kel::Name path) {
     if (auto removed = file_.erase(path)) notify<NotifieeConst>(&NotifieeConst::onFile, path);
   }
+  // How often the kernel dropped events of this requester's watches, so
+  // that every file was replicated again.
+  std::uint32_t overflows() const { return overflows_; }
+  void overflowsIs(std::uint32_t v) {
+    if (Kel::changed(overflows_, v)) notify<NotifieeConst>(&NotifieeConst::onOverflows);
+  }
 
  protected:
   explicit RequesterStatus(Kel::Name name) : name_(name) {}
@@ -45,6 +54,7 @@ class RequesterStatus : public Kel::Entity {
  private:
   Kel::Name name_;
   FileCollection file_;
+  std::uint32_t overflows_ = 0;
 };
 
 }  // namespace FileReplication

@@ -159,6 +159,24 @@ TEST_F(InotifyModeSmIntegration, QueuedEventsAreHandledTenPerClockExpiry) {
   EXPECT_EQ(3u, children_.launches()) << "one run, the other requests folded into it";
 }
 
+// More events than the kernel queues while the agent does not read: the
+// overflow asks every file once, since any of them may have changed unseen.
+TEST_F(InotifyModeSmIntegration, AQueueOverflowReplicatesEveryFileOnce) {
+  auto& sm = make();
+  endRunning();
+  settle();
+  Kel::TraceCapture trace("FileReplicationSm");
+  std::ifstream limit("/proc/sys/fs/inotify/max_queued_events");
+  int queued = 16384;
+  limit >> queued;
+  for (int i = 0; i <= queued; ++i) writeFile(d1_ + "/n" + std::to_string(i), "");
+  auto& loop = Kel::activityManager()->loop();
+  ASSERT_TRUE(loop.runUntil([&] { return rs_->overflows() == 1 && sm.inotifyMonitor()->inotifyEvents() == 0; }, 60));
+  EXPECT_EQ(1u, trace.messagesWith("Inotify queue overflowed: replicating every file once").size());
+  ASSERT_EQ(4u, children_.launches());
+  EXPECT_EQ(b(), lastSource());
+}
+
 TEST_F(InotifyModeSmIntegration, EventsOfNoTypeUnknownWatchesAndOtherFilesAreDropped) {
   auto& sm = make();
   endRunning();
