@@ -52,6 +52,11 @@ bool exists(Kel::String8 path) {
   return stat(path.charPtr(), &st) == 0;
 }
 
+int statError(Kel::String8 const& path) {
+  struct stat st;
+  return stat(path.charPtr(), &st) == 0 ? 0 : errno;
+}
+
 Kel::String8 dirname(Kel::String8 path) {
   auto scratch = std::make_unique<char[]>(path.size() + 1);
   strcpy(scratch.get(), path.charPtr());

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 
 #include "runtime/ChildSiginfo.h"
@@ -26,6 +27,10 @@ namespace Utils {
 // True exactly when stat() succeeds: a dangling symbolic link, or a path
 // behind a directory we may not search, counts as missing.
 bool exists(Kel::String8 path);
+// Why stat() fails, 0 when it succeeds. Only ENOENT and ENOTDIR say the
+// file is not there; any other error says nothing about it.
+int statError(Kel::String8 const& path);
+inline bool missing(int statError) { return statError == ENOENT || statError == ENOTDIR; }
 // POSIX dirname and basename, on a scratch copy since both may write into
 // their argument.
 Kel::String8 dirname(Kel::String8 path);

@@ -1,6 +1,7 @@
 #include "FileReplication/ReplicationSm.h"
 
 #include <csignal>
+#include <cstring>
 #include <iomanip>
 
 #include "FileReplication/FileReplicationUtils.h"
@@ -238,13 +239,27 @@ void ReplicationSm::startReplication() {
   updateFileStatus(FileStatus::inProgress);
   SM_TRACE("hostsString=" << remoteHostsString() << " path=" << path() << " dstPath=" << dstPath()
                           << " rsyncOptions=" << rsyncOptions());
-  if (Utils::exists(path())) {
+  int const error = Utils::statError(path());
+  if (error == 0) {
     SM_TRACE(": Syncing file");
     replicationCmdIs(Commands::rsyncFile(remoteHostsString(), path(), dstPath(), rsyncOptions(), maxFilesPerRun()));
-  } else {
+  } else if (Utils::missing(error)) {
     SM_TRACE(": Deleting file");
     replicationCmdIs(Commands::deleteFile(remoteHostsString(), dstPath()));
+  } else {
+    // A source we cannot look at may well be there: its copy must not be
+    // deleted. The run fails as if Replicate had failed.
+    char text[128];
+    Kel::String const why = Kel::String("cannot stat the source: ") + strerror_r(error, text, sizeof text);
+    SM_TRACE(": " << why);
+    if (fileStatus_) fileStatus_->lastErrorIs(why);
+    SM_TRACE(": Changing state to backoff");
+    stateIs(backoff);
+    updateFileStatus(FileStatus::failed);
+    startBackoffClock();
+    return;
   }
+  if (fileStatus_) fileStatus_->lastErrorIs(Kel::String());
   // A child that waits for a slot is timed from when it starts.
   handleReplicationCmdPid();
 }
@@ -369,7 +384,7 @@ void ReplicationSm::updateFileStatus(FileStatus::Status status) {
 
 void ReplicationSm::deleteFile() {
   KEL_TRACE(3, __PRETTY_FUNCTION__ << ": ");
-  if (Utils::exists(path())) return;
+  if (!Utils::missing(Utils::statError(path()))) return;
   // Fire and forget: the child is not watched and no status is written.
   Commands::deleteFile(remoteHostsString(), dstPath());
 }

@@ -207,6 +207,7 @@ nlohmann::json Agent::status() const {
       file["state"] = stateText(rsm ? rsm->state() : ReplicationSm::disabled);
       file["lastSynchronized"] =
           fs && fs->lastSynchronized() > 0 ? nlohmann::json(fs->lastSynchronized()) : nlohmann::json(nullptr);
+      if (fs && !fs->lastError().empty()) file["lastError"] = fs->lastError().str();
       files[path.str()] = std::move(file);
     }
     requesters[name.str()] = {{"mode", rc->mode() == FileReplication::RequesterConfig::inotify ? "inotify" : "periodic"},

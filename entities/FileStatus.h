@@ -5,6 +5,7 @@
 
 #include "runtime/Entity.h"
 #include "runtime/Name.h"
+#include "runtime/String.h"
 
 namespace FileReplication {
 
@@ -18,6 +19,7 @@ class FileStatus : public Kel::Entity {
    public:
     virtual void onStatus() {}
     virtual void onLastSynchronized() {}
+    virtual void onLastError() {}
   };
   using Notifiee = NotifieeConst;
 
@@ -33,6 +35,11 @@ class FileStatus : public Kel::Entity {
   void lastSynchronizedIs(double v) {
     if (Kel::changed(lastSynchronized_, v)) notify(&NotifieeConst::onLastSynchronized);
   }
+  // Why the last run failed without a run of Replicate; empty otherwise.
+  Kel::String const& lastError() const { return lastError_; }
+  void lastErrorIs(Kel::String const& v) {
+    if (Kel::changed(lastError_, v)) notify(&NotifieeConst::onLastError);
+  }
 
  protected:
   explicit FileStatus(Kel::Name path) : path_(path) {}
@@ -41,6 +48,7 @@ class FileStatus : public Kel::Entity {
   Kel::Name path_;
   Status status_ = unknown;
   double lastSynchronized_ = 0;
+  Kel::String lastError_;
 };
 
 std::ostream& operator<<(std::ostream& o, FileStatus::Status status);

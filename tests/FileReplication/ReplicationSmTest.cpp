@@ -215,6 +215,28 @@ TEST_F(ReplicationSmTest, LocalCopyAndDeletionOfAMissingSourceLeaveOutTheHosts) 
   EXPECT_EQ(FileStatus::synchronized, fs_->status()) << "a deletion run is judged like a copy";
 }
 
+// Only a source that is not there is deleted: one that stat() cannot reach
+// for another reason (here a loop of links, EACCES for anyone but root)
+// fails the run, says why, and deletes nothing.
+TEST_F(ReplicationSmTest, ASourceThatCannotBeStatedFailsTheRunAndDeletesNothing) {
+  ASSERT_EQ(0, symlink("loop", path("loop").c_str()));
+  fc_ = FileConfig::FileConfigIs(Kel::Name(path("loop/file")), "/dst/file", "-a");
+  auto& sm = make();
+  EXPECT_EQ(0u, children_.launches());
+  EXPECT_EQ(ReplicationSm::backoff, sm.state());
+  EXPECT_EQ(FileStatus::failed, fs_->status());
+  EXPECT_EQ("cannot stat the source: Too many levels of symbolic links", fs_->lastError().str());
+  EXPECT_EQ(start + 10, sm.backoffTime());
+  sm.deleteFile();
+  EXPECT_EQ(0u, children_.launches()) << "nor through deleteFile";
+
+  ASSERT_EQ(0, unlink(path("loop").c_str()));
+  clock()->advance(10);
+  ASSERT_EQ(1u, children_.launches()) << "missing now: the retry deletes the copy";
+  EXPECT_EQ("deleteFile", children_.last().argv.at(2));
+  EXPECT_EQ("", fs_->lastError().str());
+}
+
 TEST_F(ReplicationSmTest, DeleteFileIsFireAndForgetAndOnlyWhenTheSourceIsGone) {
   auto& sm = make();
   end(0, 0);
