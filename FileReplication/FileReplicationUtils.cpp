@@ -57,6 +57,12 @@ int statError(Kel::String8 const& path) {
   return stat(path.charPtr(), &st) == 0 ? 0 : errno;
 }
 
+bool sameFile(Kel::String8 const& a, Kel::String8 const& b) {
+  struct stat sa;
+  struct stat sb;
+  return stat(a.charPtr(), &sa) == 0 && stat(b.charPtr(), &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
 Kel::String8 dirname(Kel::String8 path) {
   auto scratch = std::make_unique<char[]>(path.size() + 1);
   strcpy(scratch.get(), path.charPtr());

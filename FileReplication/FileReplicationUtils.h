@@ -31,6 +31,8 @@ bool exists(Kel::String8 path);
 // file is not there; any other error says nothing about it.
 int statError(Kel::String8 const& path);
 inline bool missing(int statError) { return statError == ENOENT || statError == ENOTDIR; }
+// Whether both paths name one existing file (same device and inode).
+bool sameFile(Kel::String8 const& a, Kel::String8 const& b);
 // POSIX dirname and basename, on a scratch copy since both may write into
 // their argument.
 Kel::String8 dirname(Kel::String8 path);

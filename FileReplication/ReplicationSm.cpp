@@ -168,7 +168,10 @@ void ReplicationSm::handleInitialized() {
 void ReplicationSm::handleEnabled() {
   if (!initialized_) return;
   // Without remote hosts the copy would land on the source itself.
-  bool const noRemoteForSameDstPath = remoteHostsString() == "" && dstPath() == path();
+  // Another spelling of the source (/d/./x, a path through a link) is the
+  // same file too; copied onto itself it would change and be copied again.
+  bool const noRemoteForSameDstPath =
+      remoteHostsString() == "" && (dstPath() == path() || Utils::sameFile(path(), dstPath()));
   KEL_TRACE(3, __PRETTY_FUNCTION__ << ": State=" << state_ << " src=" << path() << " dst=" << dstPath()
                                    << " enabled=" << enabled() << " remoteHostsString=" << remoteHostsString()
                                    << " noRemoteForSameDstPath=" << noRemoteForSameDstPath);

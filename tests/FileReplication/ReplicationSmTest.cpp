@@ -199,6 +199,15 @@ TEST_F(ReplicationSmTest, LocalCopyOntoItselfIsNeverRunUntilAHostAppears) {
   EXPECT_EQ("h2", children_.child(0).argv[4]);
   rc_->remoteHostDel("h2");
   EXPECT_EQ(ReplicationSm::disabled, sm.state()) << "the host went: a copy onto itself again";
+
+  // Other spellings of the same file are the same file.
+  ASSERT_EQ(0, symlink(dir_.path().c_str(), path("link").c_str()));
+  for (auto const& spelling : {dir_ / "./source", path("link") + "/source"}) {
+    sm_ = nullptr;
+    fc_->dstPathIs(Kel::String8(spelling));
+    EXPECT_EQ(ReplicationSm::disabled, make().state()) << spelling;
+  }
+  EXPECT_EQ(1u, children_.launches());
 }
 
 TEST_F(ReplicationSmTest, LocalCopyAndDeletionOfAMissingSourceLeaveOutTheHosts) {
