@@ -51,6 +51,25 @@ StatusCounts finalStatus(AgentProcess& agent) {
 // before it is tried again: a failure whose copy arrived anyway still shows
 // at the end, and one whose copy did not holds the wait up that long and
 // shows only in the lines Replicate left in the agent's log.
+// The agent's time as a ratio to the mean of a floor run before and one
+// after it, against the target, with the times it comes from.
+struct Figures {
+  std::string what;
+  std::string agentRow;
+  std::string floorRow;
+};
+void ratioRows(Report& report, std::string const& bench, Figures const& names, bool converged, double agentSeconds,
+               Timed const& before, Timed const& after, double cpuSeconds) {
+  double const floorSeconds = (before.arrivedSeconds + after.arrivedSeconds) / 2;
+  double const ratio = agentSeconds / floorSeconds;
+  report.figureIs(bench, names.what + ", agent / floor" + (converged ? "" : " (gave up: more)"), ratio, "x",
+                  Report::target, "<= 1.5 x floor", converged && ratio <= 1.5);
+  report.figureIs(bench, "  agent: " + names.agentRow, agentSeconds, "s");
+  report.figureIs(bench, "  floor: " + names.floorRow, floorSeconds, "s");
+  report.figureIs(bench, "  floor: start to exit", (before.exitedSeconds + after.exitedSeconds) / 2, "s");
+  report.figureIs(bench, "  agent CPU with its children", cpuSeconds, "s");
+}
+
 void correctness(Report& report, std::string const& bench, std::size_t files, std::size_t wrong,
                  StatusCounts const& status, std::string const& agentLog) {
   report.figureIs(bench, "destinations wrong or missing", double(wrong), "", Report::check, "0", wrong == 0);
@@ -100,14 +119,8 @@ void initialSync(Options const& options, Report& report, std::string const& benc
   std::string const agentLog = agent.log();
   Timed const after = floor("floor-after");
 
-  double const floorSeconds = (before.arrivedSeconds + after.arrivedSeconds) / 2;
-  double const ratio = agentSeconds / floorSeconds;
-  report.figureIs(bench, converged ? "initial sync, agent / floor" : "initial sync, agent / floor (gave up: more)",
-                  ratio, "x", Report::target, "<= 1.5 x floor", converged && ratio <= 1.5);
-  report.figureIs(bench, "  agent: start to all arrived", agentSeconds, "s");
-  report.figureIs(bench, "  floor: rsync --files-from, start to all arrived", floorSeconds, "s");
-  report.figureIs(bench, "  floor: start to exit", (before.exitedSeconds + after.exitedSeconds) / 2, "s");
-  report.figureIs(bench, "  agent CPU with its children", double(cpu.totalNs()) / 1e9, "s");
+  ratioRows(report, bench, {"initial sync", "start to all arrived", "rsync --files-from, start to all arrived"},
+            converged, agentSeconds, before, after, double(cpu.totalNs()) / 1e9);
   correctness(report, bench, files.paths.size(), wrong, status, agentLog);
   std::string text = std::to_string(files.paths.size()) + " files in " + std::to_string(files.dirs) +
                      " directories, an inotify requester with default settings";
@@ -261,14 +274,8 @@ void expiryBench(Options const& options, Report& report) {
   std::string const agentLog = agent.log();
   Timed const after = floor();
 
-  double const floorSeconds = (before.arrivedSeconds + after.arrivedSeconds) / 2;
-  double const ratio = agentSeconds / floorSeconds;
-  report.figureIs(b, converged ? "periodic expiry, agent / floor" : "periodic expiry, agent / floor (gave up: more)",
-                  ratio, "x", Report::target, "<= 1.5 x floor", converged && ratio <= 1.5);
-  report.figureIs(b, "  agent: expiry to all rewritten", agentSeconds, "s");
-  report.figureIs(b, "  floor: rsync --ignore-times, start to all rewritten", floorSeconds, "s");
-  report.figureIs(b, "  floor: start to exit", (before.exitedSeconds + after.exitedSeconds) / 2, "s");
-  report.figureIs(b, "  agent CPU with its children", double(cpuAfter.totalNs() - cpuBefore.totalNs()) / 1e9, "s");
+  ratioRows(report, b, {"periodic expiry", "expiry to all rewritten", "rsync --ignore-times, start to all rewritten"},
+            converged, agentSeconds, before, after, double(cpuAfter.totalNs() - cpuBefore.totalNs()) / 1e9);
   report.figureIs(b, "  initial sync before it", initialSeconds, "s");
   report.figureIs(b, "  new period written to first run", secondsSince(rewritten, expiry), "s");
   correctness(report, b, files.paths.size(), wrong, status, agentLog);
