@@ -1,6 +1,7 @@
 #include "FileReplication/FileReplicationUtils.h"
 
 #include <libgen.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 
@@ -61,6 +62,13 @@ bool sameFile(Kel::String8 const& a, Kel::String8 const& b) {
   struct stat sa;
   struct stat sb;
   return stat(a.charPtr(), &sa) == 0 && stat(b.charPtr(), &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+Kel::String8 linkTarget(Kel::String8 const& path) {
+  struct stat st;
+  if (lstat(path.charPtr(), &st) != 0 || !S_ISLNK(st.st_mode)) return Kel::String8();
+  std::unique_ptr<char, decltype(&free)> const resolved(realpath(path.charPtr(), nullptr), &free);
+  return resolved ? Kel::String8(resolved.get()) : Kel::String8();
 }
 
 Kel::String8 dirname(Kel::String8 path) {

@@ -33,6 +33,9 @@ int statError(Kel::String8 const& path);
 inline bool missing(int statError) { return statError == ENOENT || statError == ENOTDIR; }
 // Whether both paths name one existing file (same device and inode).
 bool sameFile(Kel::String8 const& a, Kel::String8 const& b);
+// Where the file path resolves to when its last part is a symbolic link;
+// empty for anything else, a dangling link included.
+Kel::String8 linkTarget(Kel::String8 const& path);
 // POSIX dirname and basename, on a scratch copy since both may write into
 // their argument.
 Kel::String8 dirname(Kel::String8 path);

@@ -21,10 +21,15 @@ namespace FileReplication {
 
 namespace {
 
-// Changes of the objects inside a watched directory; the directory's own
-// deletion or move, and mere access, open and close, are left out.
-constexpr std::uint32_t watchMask = IN_MODIFY | IN_ATTRIB | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE | IN_DELETE;
-static_assert(watchMask == 0x3C6);
+// Changes of the objects inside a watched directory, and the directory's own
+// deletion or move, after which the watch no longer stands for its path; mere
+// access, open and close are left out.
+constexpr std::uint32_t watchMask =
+    IN_MODIFY | IN_ATTRIB | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF;
+static_assert(watchMask == 0xFC6);
+// The watched path itself is gone, or its watch is: deleted, moved away,
+// unmounted, or the watch removed.
+constexpr std::uint32_t lostMask = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
 
 constexpr std::size_t readBufferSize = 2576;
 
@@ -40,6 +45,8 @@ InotifyEvent::Type typeOfMask(std::uint32_t mask) {
   // creation.
   if (mask & IN_MOVED_FROM) return InotifyEvent::deleted;
   if (mask & IN_MOVED_TO) return InotifyEvent::created;
+  // Such records carry no name: a deletion of the watched path itself.
+  if (mask & lostMask) return InotifyEvent::deleted;
   return InotifyEvent::none;
 }
 
@@ -225,9 +232,15 @@ void InotifyMonitor::inotifyEventDelAll() {
 
 std::uint32_t InotifyMonitor::newWatchId(Kel::String const& path) const {
   KEL_TRACE(6, "InotifyMonitor::newWatchId");
-  int const wd = inotify_add_watch(descriptor(), path.charPtr(), watchMask);
-  if (wd < 0) throw Kel::ErrnoException(errno, "");
+  int const wd = watchIdOrError(path);
+  if (wd < 0) throw Kel::ErrnoException(-wd, "");
   return std::uint32_t(wd);
+}
+
+int InotifyMonitor::watchIdOrError(Kel::String const& path) const {
+  // Only a directory: a path that became a file is as good as missing.
+  int const wd = inotify_add_watch(descriptor(), path.charPtr(), watchMask | IN_ONLYDIR);
+  return wd < 0 ? -errno : wd;
 }
 
 void InotifyMonitor::watchIdToDelIs(std::uint32_t wd) {

@@ -121,8 +121,12 @@ class InotifyMonitor : public Kel::Entity {
   void inotifyEventDel(std::uint32_t index);
   void inotifyEventDelAll();
 
-  // Watches path for changes of the objects in it; returns the watch id.
+  // Watches the directory path for changes of the objects in it and of
+  // itself; returns the watch id. The kernel gives a directory watched
+  // already, under any spelling, the id it has.
   std::uint32_t newWatchId(Kel::String const& path) const;
+  // newWatchId, with minus the errno for a failure instead of an exception.
+  int watchIdOrError(Kel::String const& path) const;
   // A watch the kernel already dropped is not an error.
   void watchIdToDelIs(std::uint32_t wd);
 

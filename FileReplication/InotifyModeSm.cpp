@@ -1,23 +1,34 @@
 #include "FileReplication/InotifyModeSm.h"
 
 #include "FileReplication/FileReplicationUtils.h"
-#include "runtime/ActivityManager.h"
+#include "FileReplication/Log.h"
 #include "runtime/Assert.h"
-#include "runtime/Exception.h"
 #include "runtime/Trace.h"
 
 KEL_TRACE_FACILITY("FileReplicationSm")
 
 namespace FileReplication {
 
-namespace {
-
-// The fairness bound: events handled per turn of the event clock.
-constexpr int eventBatch = 10;
-
-}  // namespace
-
 // ---- InotifyDirSm
+
+Kel::Ptr<InotifyDirSm> InotifyDirSm::InotifyDirSmIs(InotifyRequesterConfigSm* owner, Kel::String path) {
+  Kel::Ptr<InotifyDirSm> const dsm = new InotifyDirSm(owner, path);
+  double const retryDelay = owner->requesterConfig() ? owner->requesterConfig()->retryInterval() : 10;
+  dsm->dirWatch_ = DirWatch::DirWatchIs(std::move(path), dsm.ptr(), retryDelay);
+  return dsm;
+}
+
+InotifyDirSm::~InotifyDirSm() {
+  dirWatchDel();
+  linkTarget_.clear();
+  replicationSmDelAll();
+}
+
+void InotifyDirSm::dirWatchDel() {
+  if (!dirWatch_) return;
+  dirWatch_->listenerDel();
+  dirWatch_ = nullptr;
+}
 
 Kel::Ptr<ReplicationSm> InotifyDirSm::replicationSm(Kel::String const& fileName) const {
   auto const* sm = replicationSm_.find(fileName);
@@ -29,9 +40,10 @@ Kel::Ptr<ReplicationSm> InotifyDirSm::replicationSmIs(Kel::String const& fileNam
                                                       Kel::Ptr<FileConfig const> fileConfig,
                                                       Kel::Ptr<FileStatus> fileStatus) {
   if (auto present = replicationSm(fileName)) return present;
-  auto sm = ReplicationSm::ReplicationSmIs(fileName, std::move(requesterConfig),
-                                           std::move(fileConfig), std::move(fileStatus));
+  auto sm = ReplicationSm::ReplicationSmIs(fileName, std::move(requesterConfig), std::move(fileConfig),
+                                           std::move(fileStatus));
   replicationSm_.insert(fileName, sm);
+  sm->watchErrorIs(watchError());
   return sm;
 }
 
@@ -42,36 +54,70 @@ void InotifyDirSm::replicationSmDelAll() {
   }
 }
 
+void InotifyDirSm::linkTargetIs(Kel::String const& fileName, Kel::Ptr<ReplicationSm> const& sm) {
+  linkTarget_.emplace(fileName, sm);
+}
+
+void InotifyDirSm::linkTargetDel(Kel::String const& fileName, ReplicationSm const* sm) {
+  auto [from, to] = linkTarget_.equal_range(fileName);
+  for (auto it = from; it != to; ++it) {
+    if (it->second.ptr() != sm) continue;
+    linkTarget_.erase(it);
+    return;
+  }
+}
+
+Kel::String InotifyDirSm::watchError() const { return dirWatch_ ? dirWatch_->errorText() : Kel::String(); }
+
+template <class F>
+void InotifyDirSm::forEachMachine(F const& f) const {
+  // A machine may be removed by what it is asked to do.
+  std::vector<Kel::Ptr<ReplicationSm>> all;
+  for (auto const& [name, rsm] : replicationSm_) all.push_back(rsm);
+  for (auto const& [name, rsm] : linkTarget_) all.push_back(rsm);
+  for (auto const& rsm : all) f(*rsm);
+}
+
+void InotifyDirSm::onDirEntry(InotifyEvent const& event) {
+  KEL_TRACE(3, __PRETTY_FUNCTION__);
+  if (event.eventType() == InotifyEvent::none) return;
+  // A deletion is replicated too: the run then removes the remote copy.
+  Kel::Ptr<InotifyDirSm> const keep(this);
+  auto const rsm = replicationSm(event.fileName());
+  auto const [from, to] = linkTarget_.equal_range(event.fileName());
+  if (!rsm && from == to) {
+    KEL_TRACE(6, "not one of our watched files");
+    return;
+  }
+  std::vector<Kel::Ptr<ReplicationSm>> asked;
+  for (auto it = from; it != to; ++it) asked.push_back(it->second);
+  if (rsm) {
+    // A new link, or a link replaced, may point elsewhere now.
+    if (event.eventType() != InotifyEvent::modified) owner_->linkTargetRefresh(rsm->path());
+    asked.push_back(rsm);
+  }
+  for (auto const& sm : asked) {
+    KEL_TRACE(6, "Requesting replication");
+    sm->replicate();
+  }
+}
+
+void InotifyDirSm::onDirAnew() {
+  KEL_TRACE(3, __PRETTY_FUNCTION__ << ": " << path_);
+  Kel::Ptr<InotifyDirSm> const keep(this);
+  Kel::String const error = watchError();
+  for (auto const& [name, rsm] : replicationSm_) owner_->linkTargetRefresh(rsm->path());
+  forEachMachine([&](ReplicationSm& sm) {
+    sm.watchErrorIs(error);
+    // Not watched, a copy would be a guess of when to copy; the retry of the
+    // watch asks every file once it stands.
+    if (error.empty()) sm.replicate();
+  });
+}
+
+void InotifyDirSm::onDirOverflow() { owner_->handleOverflow(); }
+
 // ---- InotifyRequesterConfigSm
-
-class InotifyRequesterConfigSm::KelInotifyMonitor : public InotifyMonitor::NotifieeConst {
- public:
-  explicit KelInotifyMonitor(InotifyRequesterConfigSm* sm) : sm_(sm) {}
-  void onNotifier() override { handle(); }
-  void onInotifyEvent(std::uint32_t) override { handle(); }
-  void onInotifyEvent() override { handle(); }
-  void smIs(InotifyRequesterConfigSm* sm) { sm_ = sm; }
-
- private:
-  void handle() {
-    if (sm_) sm_->handleInotifyEventQueue();
-  }
-  InotifyRequesterConfigSm* sm_;
-};
-
-class InotifyRequesterConfigSm::KelEventClock : public Kel::Clock::NotifieeConst {
- public:
-  explicit KelEventClock(InotifyRequesterConfigSm* sm) : sm_(sm) {}
-  void onNotifier() override { handle(); }
-  void onTime() override { handle(); }
-  void smIs(InotifyRequesterConfigSm* sm) { sm_ = sm; }
-
- private:
-  void handle() {
-    if (sm_) sm_->handleEventClock();
-  }
-  InotifyRequesterConfigSm* sm_;
-};
 
 Kel::Ptr<InotifyRequesterConfigSm> InotifyRequesterConfigSm::InotifyRequesterConfigSmIs(
     Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig, Kel::Ptr<RequesterStatus> requesterStatus) {
@@ -86,14 +132,14 @@ InotifyRequesterConfigSm::InotifyRequesterConfigSm(Kel::Name name, Kel::Ptr<Requ
 
 InotifyRequesterConfigSm::~InotifyRequesterConfigSm() {
   zombieReactorsDel();
-  if (inotifyMonitorReactor_) inotifyMonitorReactor_->smIs(nullptr);
-  if (eventClock_) eventClock_->smIs(nullptr);
-  // The watches go with the monitor; they are not removed one by one.
+  linkTarget_ = LinkTargetCollection();
   while (dirSm_.popFront()) {
   }
-  dirName_ = DirNameCollection();
-  if (eventClock_) eventClock_->notifierIs(nullptr);
-  if (inotifyMonitorReactor_) inotifyMonitorReactor_->notifierIs(nullptr);
+}
+
+Kel::Ptr<InotifyMonitor> InotifyRequesterConfigSm::inotifyMonitor() const {
+  InotifyWatches const* watches = InotifyWatches::current();
+  return watches ? watches->inotifyMonitor() : nullptr;
 }
 
 Kel::Ptr<InotifyDirSm> InotifyRequesterConfigSm::dirSm(Kel::String const& path) const {
@@ -101,40 +147,32 @@ Kel::Ptr<InotifyDirSm> InotifyRequesterConfigSm::dirSm(Kel::String const& path) 
   return dsm ? *dsm : nullptr;
 }
 
-Kel::Ptr<InotifyDirSm> InotifyRequesterConfigSm::dirSmIs(Kel::String const& path, std::uint32_t watchId) {
-  if (auto present = dirSm(path)) {
-    if (present->watchId() != watchId) {
-      throw Kel::NameInUseException("dirSm " + path.str() + " is in use with watch id " +
-                                    std::to_string(present->watchId()));
-    }
-    return present;
-  }
-  auto dsm = InotifyDirSm::InotifyDirSmIs(this, path, watchId);
+Kel::Ptr<InotifyDirSm> InotifyRequesterConfigSm::dirSmIs(Kel::String const& path) {
+  if (auto present = dirSm(path)) return present;
+  auto dsm = InotifyDirSm::InotifyDirSmIs(this, path);
   dirSm_.insert(path, dsm);
   return dsm;
 }
 
-void InotifyRequesterConfigSm::dirSmDel(Kel::String const& path) { dirSm_.erase(path); }
-
-void InotifyRequesterConfigSm::dirNameIs(std::uint32_t watchId, Kel::String const& path) {
-  dirName_.insert(watchId, path);
+void InotifyRequesterConfigSm::dirSmDel(Kel::String const& path) {
+  auto const removed = dirSm_.erase(path);
+  // Whoever still holds the machine, its watch is not ours any more.
+  if (removed && *removed) (*removed)->dirWatchDel();
 }
 
-void InotifyRequesterConfigSm::dirNameDel(std::uint32_t watchId) { dirName_.erase(watchId); }
+Kel::Ptr<ReplicationSm> InotifyRequesterConfigSm::replicationSm(Kel::String const& path) const {
+  auto const dsm = dirSm(Utils::dirname(path));
+  return dsm ? dsm->replicationSm(Utils::filename(path)) : nullptr;
+}
 
 double InotifyRequesterConfigSm::eventClockTime() const {
-  return eventClock_ ? eventClock_->timeMin() : Kel::Clock::never;
+  InotifyWatches const* watches = InotifyWatches::current();
+  return watches ? watches->eventClockTime() : Kel::Clock::never;
 }
 
 void InotifyRequesterConfigSm::handleInitialized() {
   KEL_TRACE(3, __PRETTY_FUNCTION__);
   remoteHostSmIs(this, requesterConfig());
-  inotifyMonitor_ = InotifyMonitor::InotifyMonitorIs(Kel::Name(name().str() + "-inotifyMonitor"));
-  inotifyMonitorReactor_ = new KelInotifyMonitor(this);
-  inotifyMonitorReactor_->notifierIs(inotifyMonitor_);
-  // Bound but not armed: it fires once events are queued.
-  eventClock_ = new KelEventClock(this);
-  eventClock_->notifierIs(Kel::activityManager()->clock());
   handleEnabled();
   initialized_ = true;
 }
@@ -154,71 +192,58 @@ void InotifyRequesterConfigSm::handleFile(Kel::Name name) {
 void InotifyRequesterConfigSm::addWatch(Kel::String const& path, Kel::Ptr<FileConfig const> fileConfig,
                                         Kel::Ptr<FileStatus> fileStatus) {
   KEL_ASSERT(enabled());
-  Kel::String const d = Utils::dirname(path);
+  // A directory that is missing is watched for when it appears: the
+  // configuration and the file system may disagree at any moment.
+  auto const dsm = dirSmIs(Utils::dirname(path));
   Kel::String const f = Utils::filename(path);
-  // Whoever fills the configuration makes sure the directory exists.
-  KEL_ASSERT(Utils::exists( d ));
-  if (!dirSm(d)) {
-    std::uint32_t const watchId = inotifyMonitor_->newWatchId(d);
-    dirSmIs(d, watchId);
-    dirNameIs(watchId, d);
-  }
-  auto dsm = dirSm(d);
-  if (!dsm->replicationSm(f)) dsm->replicationSmIs(f, requesterConfig(), std::move(fileConfig), std::move(fileStatus));
+  if (dsm->replicationSm(f)) return;
+  dsm->replicationSmIs(f, requesterConfig(), std::move(fileConfig), std::move(fileStatus));
+  linkTargetRefresh(path);
 }
 
 void InotifyRequesterConfigSm::removeWatch(Kel::String const& path) {
   Kel::String const d = Utils::dirname(path);
-  Kel::String const f = Utils::filename(path);
   auto dsm = dirSm(d);
   if (!dsm) return;
-  if (dsm->replicationSm(f)) dsm->replicationSmDel(f);
-  if (dsm->replicationSms() == 0) {
-    inotifyMonitor_->watchIdToDelIs(dsm->watchId());
-    dirNameDel(dsm->watchId());
-    dirSmDel(d);
-  }
+  linkTargetDrop(path);
+  dsm->replicationSmDel(Utils::filename(path));
+  if (dsm->empty()) dirSmDel(d);
 }
 
-void InotifyRequesterConfigSm::handleInotifyEventQueue() {
-  KEL_TRACE(3, __PRETTY_FUNCTION__);
-  if (inotifyMonitor_ && inotifyMonitor_->inotifyEvents() != 0) eventClock_->timeMinIs(Kel::now());
+void InotifyRequesterConfigSm::linkTargetRefresh(Kel::String const& path) {
+  Kel::String const target = Utils::linkTarget(path);
+  Kel::String const* present = linkTarget_.find(path);
+  if (present ? *present == target : target.empty()) return;
+  linkTargetDrop(path);
+  auto const rsm = replicationSm(path);
+  if (target.empty() || !rsm) return;
+  KEL_TRACE(6, "Watching " << target << " for " << path);
+  dirSmIs(Utils::dirname(target))->linkTargetIs(Utils::filename(target), rsm);
+  linkTarget_.insert(path, target);
 }
 
-void InotifyRequesterConfigSm::handleEventClock() {
-  KEL_TRACE(3, __PRETTY_FUNCTION__);
-  if (!initialized_) return;
-  for (int handled = 0; handled < eventBatch && inotifyMonitor_->inotifyEvents() != 0; ++handled) {
-    handleInotifyEvent(inotifyMonitor_->inotifyEventDeq());
+void InotifyRequesterConfigSm::linkTargetDrop(Kel::String const& path) {
+  Kel::String const* target = linkTarget_.find(path);
+  if (!target) return;
+  Kel::String const d = Utils::dirname(*target);
+  if (auto const dsm = dirSm(d)) {
+    dsm->linkTargetDel(Utils::filename(*target), replicationSm(path).ptr());
+    if (dsm->empty()) dirSmDel(d);
   }
-  if (inotifyMonitor_->inotifyEvents() != 0) eventClock_->timeMinIs(Kel::now());
+  linkTarget_.erase(path);
 }
 
-void InotifyRequesterConfigSm::handleInotifyEvent(InotifyEvent const& event) {
+void InotifyRequesterConfigSm::handleOverflow() {
   KEL_TRACE(3, __PRETTY_FUNCTION__);
-  if (event.isOverflow()) {
-    // Any file may have changed unseen; asking each once loses nothing.
-    KEL_TRACE(6, "Inotify queue overflowed: replicating every file once");
-    requesterStatus()->overflowsIs(requesterStatus()->overflows() + 1);
-    replicateFiles();
-    return;
-  }
-  if (event.eventType() == InotifyEvent::none) return;
-  // A deletion is replicated too: the run then removes the remote copy.
-  Kel::String const* dir = dirName(event.watchId());
-  if (!dir) {
-    KEL_TRACE(6, "No directory for watch id" << event.watchId());
-    return;
-  }
-  auto dsm = dirSm(*dir);
-  KEL_ASSERT(dsm);
-  auto rsm = dsm->replicationSm(event.fileName());
-  if (!rsm) {
-    KEL_TRACE(6, "not one of our watched files");
-    return;
-  }
-  KEL_TRACE(6, "Requesting replication");
-  rsm->replicate();
+  InotifyWatches const* watches = InotifyWatches::current();
+  std::uint64_t const overflows = watches ? watches->overflows() : 0;
+  // Each directory of the requester passes the news on; one rescan is enough.
+  if (overflows == overflowsSeen_) return;
+  overflowsSeen_ = overflows;
+  KEL_TRACE(6, "Inotify queue overflowed: replicating every file once");
+  log("requester " + name().str() + ": the kernel dropped file change events; replicating every file once");
+  requesterStatus()->overflowsIs(requesterStatus()->overflows() + 1);
+  replicateFiles();
 }
 
 void InotifyRequesterConfigSm::replicateFiles() {
@@ -239,12 +264,6 @@ void InotifyRequesterConfigSm::deleteIfNotExist() {
   for (auto const& [path, dsm] : dirSm_) {
     for (auto const& [fileName, rsm] : dsm->replicationSm()) rsm->deleteFile();
   }
-}
-
-void InotifyRequesterConfigSm::zombieReactorsDel() {
-  RequesterConfigSmBase::zombieReactorsDel();
-  if (inotifyMonitorReactor_) inotifyMonitorReactor_->markedForDeletionIs(true);
-  if (eventClock_) eventClock_->markedForDeletionIs(true);
 }
 
 }  // namespace FileReplication

@@ -1,31 +1,35 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 
+#include "FileReplication/DirWatch.h"
 #include "FileReplication/FileReplicationSm.h"
 #include "FileReplication/Inotify.h"
 #include "FileReplication/ReplicationSm.h"
-#include "runtime/Clock.h"
 #include "runtime/Collection.h"
 
 namespace FileReplication {
 
 class InotifyRequesterConfigSm;
 
-// The files of an inotify requester in one watched directory: one inotify
-// watch, and one ReplicationSm per configured file keyed by its base name.
-class InotifyDirSm : public Kel::Entity {
+// The files of an inotify requester in one directory, as the configuration
+// spells it: the directory's watch, and one ReplicationSm per configured file
+// keyed by its base name. Files elsewhere whose source is a symbolic link to a
+// name in this directory are asked too when that name changes.
+class InotifyDirSm : public Kel::Entity, private DirWatch::Listener {
  public:
   using ReplicationSmCollection = Kel::Collection<Kel::String, Kel::Ptr<ReplicationSm>>;
+  using LinkTargetCollection = std::multimap<Kel::String, Kel::Ptr<ReplicationSm>>;
 
-  static Kel::Ptr<InotifyDirSm> InotifyDirSmIs(InotifyRequesterConfigSm* owner, Kel::String path,
-                                               std::uint32_t watchId) {
-    return new InotifyDirSm(owner, std::move(path), watchId);
-  }
+  static Kel::Ptr<InotifyDirSm> InotifyDirSmIs(InotifyRequesterConfigSm* owner, Kel::String path);
 
   InotifyRequesterConfigSm* owner() const { return owner_; }
   Kel::String const& path() const { return path_; }
-  std::uint32_t watchId() const { return watchId_; }
+  Kel::Ptr<DirWatch> dirWatch() const { return dirWatch_; }
+  // The directory's watch id; 0 while it is missing or cannot be watched.
+  std::uint32_t watchId() const { return dirWatch_ ? dirWatch_->watchId() : 0; }
+  void dirWatchDel();
 
   Kel::Ptr<ReplicationSm> replicationSm(Kel::String const& fileName) const;
   ReplicationSmCollection const& replicationSm() const { return replicationSm_; }
@@ -36,57 +40,73 @@ class InotifyDirSm : public Kel::Entity {
   void replicationSmDel(Kel::String const& fileName);
   void replicationSmDelAll();
 
+  LinkTargetCollection const& linkTarget() const { return linkTarget_; }
+  void linkTargetIs(Kel::String const& fileName, Kel::Ptr<ReplicationSm> const& sm);
+  void linkTargetDel(Kel::String const& fileName, ReplicationSm const* sm);
+  bool empty() const { return replicationSm_.size() == 0 && linkTarget_.empty(); }
+
+  // What the watch cannot see, for the file's status; empty when watched.
+  Kel::String watchError() const;
+
  protected:
-  InotifyDirSm(InotifyRequesterConfigSm* owner, Kel::String path, std::uint32_t watchId)
-      : owner_(owner), path_(std::move(path)), watchId_(watchId) {}
-  ~InotifyDirSm() override { replicationSmDelAll(); }
+  InotifyDirSm(InotifyRequesterConfigSm* owner, Kel::String path) : owner_(owner), path_(std::move(path)) {}
+  ~InotifyDirSm() override;
 
  private:
+  void onDirEntry(InotifyEvent const& event) override;
+  void onDirAnew() override;
+  void onDirOverflow() override;
+  // Every machine asked by a change of name, configured here or linked to it.
+  template <class F>
+  void forEachMachine(F const& f) const;
+
   InotifyRequesterConfigSm* owner_;
   Kel::String path_;
-  std::uint32_t watchId_;
+  Kel::Ptr<DirWatch> dirWatch_;
   ReplicationSmCollection replicationSm_;
+  LinkTargetCollection linkTarget_;
 };
 
-// The machine of an inotify requester: watches the directories of the
-// requester's files through an inotify instance of its own and asks a file's
-// ReplicationSm to replicate when an event names it. Events are drained from
-// the monitor's queue at most ten per turn of the event clock, so a flood on
-// one requester cannot hold the loop.
+// The machine of an inotify requester: keeps the directories of its files
+// watched through the process's shared inotify instance and asks a file's
+// ReplicationSm to replicate when an event names it. A directory is watched
+// under each spelling the configuration uses; the kernel's watch, keyed by
+// what it watches, is shared by all of them.
 class InotifyRequesterConfigSm : public RequesterConfigSmBase {
  public:
   using DirSmCollection = Kel::Collection<Kel::String, Kel::Ptr<InotifyDirSm>>;
-  using DirNameCollection = Kel::Collection<std::uint32_t, Kel::String>;
+  using LinkTargetCollection = Kel::Collection<Kel::String, Kel::String>;
 
   static Kel::Ptr<InotifyRequesterConfigSm> InotifyRequesterConfigSmIs(Kel::Name name,
                                                                        Kel::Ptr<RequesterConfig const> requesterConfig,
                                                                        Kel::Ptr<RequesterStatus> requesterStatus);
 
-  Kel::Ptr<InotifyMonitor> inotifyMonitor() const { return inotifyMonitor_; }
+  // The shared instance's monitor; null when the kernel refused one.
+  Kel::Ptr<InotifyMonitor> inotifyMonitor() const;
   Kel::Ptr<InotifyDirSm> dirSm(Kel::String const& path) const;
   DirSmCollection const& dirSm() const { return dirSm_; }
-  // A path in use with another watch id is a NameInUseException.
-  Kel::Ptr<InotifyDirSm> dirSmIs(Kel::String const& path, std::uint32_t watchId);
+  // The existing machine for path, or a new one that starts watching.
+  Kel::Ptr<InotifyDirSm> dirSmIs(Kel::String const& path);
   void dirSmDel(Kel::String const& path);
-  Kel::String const* dirName(std::uint32_t watchId) const { return dirName_.find(watchId); }
-  DirNameCollection const& dirName() const { return dirName_; }
-  void dirNameIs(std::uint32_t watchId, Kel::String const& path);
-  void dirNameDel(std::uint32_t watchId);
-  // The next drain of the event queue, +infinity when none is due.
+  // The machine of a configured file, by its full path.
+  Kel::Ptr<ReplicationSm> replicationSm(Kel::String const& path) const;
+  // The resolved target of each configured file whose source is a symbolic
+  // link, keyed by the file's path.
+  LinkTargetCollection const& linkTarget() const { return linkTarget_; }
+  // The next drain of the shared event queue, +infinity when none is due.
   double eventClockTime() const;
   bool initialized() const { return initialized_; }
 
   void addWatch(Kel::String const& path, Kel::Ptr<FileConfig const> fileConfig, Kel::Ptr<FileStatus> fileStatus);
   void removeWatch(Kel::String const& path);
+  // Follows a change of what the file's symbolic link points to.
+  void linkTargetRefresh(Kel::String const& path);
 
   void handleInitialized();
   void handleFile(Kel::Name name) override;
-  void handleInotifyEventQueue();
-  void handleEventClock();
-  void handleInotifyEvent(InotifyEvent const& event);
+  void handleOverflow();
   void replicateFiles() override;
   void deleteIfNotExist() override;
-  void zombieReactorsDel() override;
 
  protected:
   InotifyRequesterConfigSm(Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig,
@@ -94,14 +114,11 @@ class InotifyRequesterConfigSm : public RequesterConfigSmBase {
   ~InotifyRequesterConfigSm() override;
 
  private:
-  class KelInotifyMonitor;
-  class KelEventClock;
+  void linkTargetDrop(Kel::String const& path);
 
-  Kel::Ptr<InotifyMonitor> inotifyMonitor_;
-  Kel::Ptr<KelInotifyMonitor> inotifyMonitorReactor_;
   DirSmCollection dirSm_;
-  DirNameCollection dirName_;
-  Kel::Ptr<KelEventClock> eventClock_;
+  LinkTargetCollection linkTarget_;
+  std::uint64_t overflowsSeen_ = 0;
   bool initialized_ = false;
 };
 

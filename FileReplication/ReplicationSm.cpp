@@ -5,6 +5,7 @@
 #include <iomanip>
 
 #include "FileReplication/FileReplicationUtils.h"
+#include "FileReplication/Log.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/Trace.h"
 
@@ -121,6 +122,15 @@ bool ReplicationSm::enabled() const { return requesterConfig_->enabled(); }
 double ReplicationSm::replicationTimeout() const { return requesterConfig_->replicationTimeout(); }
 double ReplicationSm::retryInterval() const { return requesterConfig_->retryInterval(); }
 std::uint32_t ReplicationSm::maxFilesPerRun() const { return requesterConfig_->maxFilesPerRun(); }
+double ReplicationSm::deleteDelay() const { return requesterConfig_->deleteDelay(); }
+
+void ReplicationSm::watchErrorIs(Kel::String const& why) {
+  if (watchError_ == why) return;
+  watchError_ = why;
+  if (why.empty() || !fileStatus_) return;
+  fileStatus_->statusIs(FileStatus::failed);
+  fileStatus_->lastErrorIs(why);
+}
 
 double ReplicationSm::replicationTimeoutTime() const {
   return kelReplicationTimeoutClock_ ? kelReplicationTimeoutClock_->timeMin() : never;
@@ -219,6 +229,11 @@ void ReplicationSm::replicate() {
   SM_TRACE_ENTRY();
   switch (state_) {
     case replicating:
+      if (!replicationCmd_) {
+        // Waiting for a missing source to settle: look again now.
+        startReplication();
+        break;
+      }
       // The running child is left alone; one more run follows it.
       SM_TRACE(": Changing state to queued");
       stateIs(queued);
@@ -243,10 +258,21 @@ void ReplicationSm::startReplication() {
   SM_TRACE("hostsString=" << remoteHostsString() << " path=" << path() << " dstPath=" << dstPath()
                           << " rsyncOptions=" << rsyncOptions());
   int const error = Utils::statError(path());
+  if (!Utils::missing(error)) missingSince_ = never;
   if (error == 0) {
     SM_TRACE(": Syncing file");
     replicationCmdIs(Commands::rsyncFile(remoteHostsString(), path(), dstPath(), rsyncOptions(), maxFilesPerRun()));
   } else if (Utils::missing(error)) {
+    double const now = Kel::now();
+    if (missingSince_ == never) missingSince_ = now;
+    if (now < missingSince_ + deleteDelay()) {
+      // A rename-based save leaves the name missing for a moment; deleting
+      // the copies then would leave none until the next run lands. Without a
+      // child, the time-out's expiry looks again.
+      SM_TRACE(": Source missing; waiting before deleting its copies");
+      kelReplicationTimeoutClock_->timeMinIs(missingSince_ + deleteDelay());
+      return;
+    }
     SM_TRACE(": Deleting file");
     replicationCmdIs(Commands::deleteFile(remoteHostsString(), dstPath()));
   } else {
@@ -255,6 +281,7 @@ void ReplicationSm::startReplication() {
     char text[128];
     Kel::String const why = Kel::String("cannot stat the source: ") + strerror_r(error, text, sizeof text);
     SM_TRACE(": " << why);
+    log("cannot replicate " + path().str() + ": " + why.str());
     if (fileStatus_) fileStatus_->lastErrorIs(why);
     SM_TRACE(": Changing state to backoff");
     stateIs(backoff);
@@ -262,7 +289,7 @@ void ReplicationSm::startReplication() {
     startBackoffClock();
     return;
   }
-  if (fileStatus_) fileStatus_->lastErrorIs(Kel::String());
+  if (fileStatus_) fileStatus_->lastErrorIs(watchError_);
   // A child that waits for a slot is timed from when it starts.
   handleReplicationCmdPid();
 }
@@ -283,6 +310,9 @@ void ReplicationSm::stopReplication() {
     updateFileStatus(FileStatus::failed);
     // Dropped before its exit is reported, so that report never reaches us.
     replicationCmdIs(nullptr);
+  } else if (state_ == replicating) {
+    // The deletion it was waiting to make will not be made.
+    updateFileStatus(FileStatus::failed);
   }
   kelReplicationTimeoutClock_->timeMinIs(never);
 }
@@ -349,7 +379,10 @@ void ReplicationSm::handleReplicationCmdSignalCode() {
 void ReplicationSm::handleReplicationTimeout() {
   if (!initialized_) return;
   SM_TRACE_ENTRY();
-  if (state_ == replicating || state_ == queued) {
+  if (state_ == replicating && !replicationCmd_) {
+    SM_TRACE(": Missing source settled");
+    startReplication();
+  } else if (state_ == replicating || state_ == queued) {
     SM_TRACE(": Changing state to backoff");
     stateIs(backoff);
     stopReplication();
@@ -378,7 +411,8 @@ void ReplicationSm::updateFileStatus(FileStatus::Status status) {
     return;
   }
   SM_TRACE("Updating status of " << path() << " to " << status);
-  fileStatus_->statusIs(status);
+  // Copied, but what happens to it next cannot be seen.
+  fileStatus_->statusIs(status == FileStatus::synchronized && !watchError_.empty() ? FileStatus::failed : status);
   if (status == FileStatus::synchronized) {
     fileStatus_->lastSynchronizedIs(Kel::now());
     SM_TRACE(path() << " is synced at: " << std::setprecision(12) << fileStatus_->lastSynchronized());

@@ -52,6 +52,11 @@ class ReplicationSm : public Kel::Entity {
   double replicationTimeout() const;
   double retryInterval() const;
   std::uint32_t maxFilesPerRun() const;
+  double deleteDelay() const;
+  // Why changes of the file cannot be seen (its directory cannot be watched);
+  // while set, the file is failed whatever its runs do. Empty: seen.
+  Kel::String const& watchError() const { return watchError_; }
+  void watchErrorIs(Kel::String const& why);
 
   // The pending times of the two timers (+infinity when disarmed).
   double replicationTimeoutTime() const;
@@ -113,6 +118,9 @@ class ReplicationSm : public Kel::Entity {
   Kel::Ptr<Kel::Clock const> backoffClock_;
   Kel::Ptr<Kel::ChildSiginfo const> replicationCmd_;
   bool initialized_ = false;
+  // When a run first found the source missing; +infinity while it is there.
+  double missingSince_ = Kel::Clock::never;
+  Kel::String watchError_;
 
   Kel::Ptr<KelRequesterConfig> kelRequesterConfig_;
   Kel::Ptr<KelReplicationTimeoutClock> kelReplicationTimeoutClock_;

@@ -1,5 +1,7 @@
 #include "entities/RequesterConfig.h"
 
+#include <string>
+
 #include "runtime/Exception.h"
 
 namespace FileReplication {
@@ -86,6 +88,11 @@ void RequesterConfig::remoteHostReplicationDelayIs(double v) {
 void RequesterConfig::maxFilesPerRunIs(std::uint32_t v) {
   if (v == 0) Kel::throwRangeException("maxFilesPerRun 0");
   if (Kel::changed(maxFilesPerRun_, v)) notify(&Notifiee::onMaxFilesPerRun);
+}
+
+void RequesterConfig::deleteDelayIs(double v) {
+  if (!(v >= 0)) Kel::throwRangeException("deleteDelay " + std::to_string(v));
+  if (Kel::changed(deleteDelay_, v)) notify(&Notifiee::onDeleteDelay);
 }
 
 std::ostream& operator<<(std::ostream& o, RequesterConfig::Mode mode) {

@@ -30,6 +30,7 @@ class RequesterConfig : public Kel::Entity {
     virtual void onSyncErrorThreshold() {}
     virtual void onRemoteHostReplicationDelay() {}
     virtual void onMaxFilesPerRun() {}
+    virtual void onDeleteDelay() {}
   };
   using Notifiee = NotifieeConst;
 
@@ -80,6 +81,10 @@ class RequesterConfig : public Kel::Entity {
   // Files are merged only when they are due together.
   std::uint32_t maxFilesPerRun() const { return maxFilesPerRun_; }
   void maxFilesPerRunIs(std::uint32_t v);
+  // How long a source must stay missing before a run deletes its copies:
+  // a rename-based save leaves the name missing for a moment. 0: at once.
+  double deleteDelay() const { return deleteDelay_; }
+  void deleteDelayIs(double v);
 
  protected:
   RequesterConfig(Kel::Name name, Mode mode) : name_(name), mode_(mode) {}
@@ -96,6 +101,7 @@ class RequesterConfig : public Kel::Entity {
   int syncErrorThreshold_ = 3;
   double remoteHostReplicationDelay_ = 5;
   std::uint32_t maxFilesPerRun_ = 1;
+  double deleteDelay_ = 0.2;
 };
 
 std::ostream& operator<<(std::ostream& o, RequesterConfig::Mode mode);

@@ -140,6 +140,7 @@ TEST_F(ReplicationSmTest, TimeOutCountsFromTheStartOfTheChildNotFromTheWaitForAS
   slow->remoteHostIs("h1");
   slow->replicationTimeoutIs(1000);
   slow->enabledIs(true);
+  writeFile(path("other"), "");
   auto fc2 = FileConfig::FileConfigIs(Kel::Name(path("other")), "/dst/other", "-a");
   auto first = ReplicationSm::ReplicationSmIs("other", slow, fc2, nullptr);
   auto& sm = make();
@@ -217,10 +218,27 @@ TEST_F(ReplicationSmTest, LocalCopyAndDeletionOfAMissingSourceLeaveOutTheHosts) 
                   "--rsyncOptions", "-a"}),
             children_.child(0).argv);
   end(0, 0);
+  // A rename-based save: the name is missing for a moment, and the copy is
+  // not deleted meanwhile.
   unlink(source_.c_str());
   sm.replicate();
-  EXPECT_EQ((Argv{"Replicate", "--cmd", "deleteFile", "--target", "/dst/file"}), children_.child(1).argv);
+  EXPECT_EQ(1u, children_.launches()) << "a missing source waits deleteDelay";
+  EXPECT_EQ(FileStatus::inProgress, fs_->status());
+  clock()->advance(0.1);
+  writeFile(source_, "saved");
+  sm.replicate();
+  ASSERT_EQ(2u, children_.launches());
+  EXPECT_EQ("rsyncFile", children_.last().argv.at(2));
   end(1, 0);
+
+  unlink(source_.c_str());
+  sm.replicate();
+  clock()->advance(rc_->deleteDelay() / 2);
+  EXPECT_EQ(2u, children_.launches());
+  clock()->advance(rc_->deleteDelay() / 2 + 1e-6);
+  ASSERT_EQ(3u, children_.launches());
+  EXPECT_EQ((Argv{"Replicate", "--cmd", "deleteFile", "--target", "/dst/file"}), children_.child(2).argv);
+  end(2, 0);
   EXPECT_EQ(FileStatus::synchronized, fs_->status()) << "a deletion run is judged like a copy";
 }
 
@@ -240,7 +258,7 @@ TEST_F(ReplicationSmTest, ASourceThatCannotBeStatedFailsTheRunAndDeletesNothing)
   EXPECT_EQ(0u, children_.launches()) << "nor through deleteFile";
 
   ASSERT_EQ(0, unlink(path("loop").c_str()));
-  clock()->advance(10);
+  clock()->advance(10 + rc_->deleteDelay());
   ASSERT_EQ(1u, children_.launches()) << "missing now: the retry deletes the copy";
   EXPECT_EQ("deleteFile", children_.last().argv.at(2));
   EXPECT_EQ("", fs_->lastError().str());

@@ -78,6 +78,15 @@ TEST(ReplicateLocalIntegration, CopiesUpdatesAndDeletes) {
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(readFile(target), "secnd");
 
+  // A link stands for what it points to, with -a too; a dangling one fails.
+  std::filesystem::create_symlink(source, directory / "link");
+  result = copy(directory, directory / "link", directory / "linked", "-a");
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_FALSE(std::filesystem::is_symlink(directory / "linked"));
+  EXPECT_EQ(readFile(directory / "linked"), "secnd");
+  std::filesystem::create_symlink(directory / "nowhere", directory / "dangling");
+  EXPECT_EQ(copy(directory, directory / "dangling", directory / "linked", "-a").status, 1);
+
   result = remove(directory, target);
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_FALSE(exists(target));

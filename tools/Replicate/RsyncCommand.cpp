@@ -25,6 +25,9 @@ std::vector<std::string> rsyncArguments(const std::vector<std::string>& options)
   // changed twice within one second at the same size; the delta transfer
   // still sends only what differs.
   arguments.push_back("--ignore-times");
+  // A source that is a symbolic link stands for what it points to: the link
+  // itself would dangle on a host without its target.
+  arguments.push_back("--copy-links");
   return arguments;
 }
 
@@ -74,7 +77,7 @@ SourceState stateOf(const struct stat& status) {
 
 SourceState checkSource(const std::string& source) {
   struct stat status {};
-  if (lstat(source.c_str(), &status) != 0) {
+  if (stat(source.c_str(), &status) != 0) {
     throw std::runtime_error("source " + printable(source) + ": " + std::strerror(errno));
   }
   if (S_ISDIR(status.st_mode)) throw std::runtime_error("source " + printable(source) + " is a directory");
@@ -83,7 +86,7 @@ SourceState checkSource(const std::string& source) {
 
 bool sourceChanged(const std::string& source, SourceState& state) {
   struct stat status {};
-  const SourceState now = lstat(source.c_str(), &status) == 0 ? stateOf(status) : SourceState{};
+  const SourceState now = stat(source.c_str(), &status) == 0 ? stateOf(status) : SourceState{};
   const bool changed = now != state;
   state = now;
   return changed;
