@@ -54,8 +54,15 @@ bool exists(Kel::String8 path) {
 }
 
 int statError(Kel::String8 const& path) {
+  FileId ignored;
+  return statError(path, ignored);
+}
+
+int statError(Kel::String8 const& path, FileId& id) {
   struct stat st;
-  return stat(path.charPtr(), &st) == 0 ? 0 : errno;
+  if (stat(path.charPtr(), &st) != 0) return errno;
+  id = {std::uint64_t(st.st_dev), std::uint64_t(st.st_ino)};
+  return 0;
 }
 
 bool sameFile(Kel::String8 const& a, Kel::String8 const& b) {

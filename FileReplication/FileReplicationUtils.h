@@ -30,6 +30,14 @@ bool exists(Kel::String8 path);
 // Why stat() fails, 0 when it succeeds. Only ENOENT and ENOTDIR say the
 // file is not there; any other error says nothing about it.
 int statError(Kel::String8 const& path);
+// Which file a path names: another one after a rename over it.
+struct FileId {
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+  friend bool operator==(FileId const&, FileId const&) = default;
+};
+// statError, and the file's identity when it succeeds.
+int statError(Kel::String8 const& path, FileId& id);
 inline bool missing(int statError) { return statError == ENOENT || statError == ENOTDIR; }
 // Whether both paths name one existing file (same device and inode).
 bool sameFile(Kel::String8 const& a, Kel::String8 const& b);

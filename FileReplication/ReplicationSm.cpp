@@ -257,7 +257,8 @@ void ReplicationSm::startReplication() {
   updateFileStatus(FileStatus::inProgress);
   SM_TRACE("hostsString=" << remoteHostsString() << " path=" << path() << " dstPath=" << dstPath()
                           << " rsyncOptions=" << rsyncOptions());
-  int const error = Utils::statError(path());
+  runSource_ = Utils::FileId();
+  int const error = Utils::statError(path(), runSource_);
   if (!Utils::missing(error)) missingSince_ = never;
   if (error == 0) {
     SM_TRACE(": Syncing file");
@@ -342,6 +343,7 @@ void ReplicationSm::handleReplicationCmdSignalCode() {
   kelReplicationTimeoutClock_->timeMinIs(never);
   if (success) {
     SM_TRACE("Replication was successful");
+    rerunForReplacedSource_ = false;
     switch (state_) {
       case replicating:
         SM_TRACE(": Changing state to standby");
@@ -363,6 +365,15 @@ void ReplicationSm::handleReplicationCmdSignalCode() {
     switch (state_) {
       case replicating:
       case queued:
+        if (sourceReplacedDuringRun()) {
+          // An editor's or a deploy tool's save took the name away under the
+          // copy; its events may all have come during this run. Backing off
+          // would leave the old content in place for retryInterval.
+          SM_TRACE(": Source replaced during the run; running again");
+          stateIs(replicating);
+          startReplication();
+          break;
+        }
         // A queued request is covered by the retry after the back-off.
         SM_TRACE(": Changing state to backoff");
         stateIs(backoff);
@@ -396,6 +407,7 @@ void ReplicationSm::handleBackoffTimeout() {
   if (!initialized_) return;
   SM_TRACE_ENTRY();
   if (state_ == backoff) {
+    rerunForReplacedSource_ = false;
     SM_TRACE(": Changing state to replicating");
     stateIs(replicating);
     startReplication();
@@ -417,6 +429,17 @@ void ReplicationSm::updateFileStatus(FileStatus::Status status) {
     fileStatus_->lastSynchronizedIs(Kel::now());
     SM_TRACE(path() << " is synced at: " << std::setprecision(12) << fileStatus_->lastSynchronized());
   }
+}
+
+bool ReplicationSm::sourceReplacedDuringRun() {
+  // Once per success or back-off: a host that fails every run, with a file
+  // renamed over all the time, still backs off.
+  if (rerunForReplacedSource_ || runSource_ == Utils::FileId()) return false;
+  Utils::FileId now;
+  int const error = Utils::statError(path(), now);
+  if (error != 0 ? !Utils::missing(error) : now == runSource_) return false;
+  rerunForReplacedSource_ = true;
+  return true;
 }
 
 void ReplicationSm::deleteFile() {

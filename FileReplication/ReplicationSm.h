@@ -2,6 +2,7 @@
 
 #include <ostream>
 
+#include "FileReplication/FileReplicationUtils.h"
 #include "entities/FileConfig.h"
 #include "entities/FileStatus.h"
 #include "entities/RequesterConfig.h"
@@ -78,6 +79,9 @@ class ReplicationSm : public Kel::Entity {
   void startReplicationTimeoutClock();
   void startBackoffClock();
   void updateFileStatus(FileStatus::Status status);
+  // A failed run whose source was renamed away or over while it ran: the
+  // failure says nothing of the hosts, once.
+  bool sourceReplacedDuringRun();
 
   void handleInitialized();
   void handleEnabled();
@@ -120,6 +124,10 @@ class ReplicationSm : public Kel::Entity {
   bool initialized_ = false;
   // When a run first found the source missing; +infinity while it is there.
   double missingSince_ = Kel::Clock::never;
+  // The source the running copy started from, and whether a run that lost it
+  // to a rename has been run again at once since the last success or retry.
+  Utils::FileId runSource_;
+  bool rerunForReplacedSource_ = false;
   Kel::String watchError_;
 
   Kel::Ptr<KelRequesterConfig> kelRequesterConfig_;

@@ -13,7 +13,7 @@
 #include <stdexcept>
 
 #include "FileReplication/FileReplicationUtils.h"
-#include "FileReplication/Inotify.h"
+#include "FileReplication/DirWatch.h"
 #include "FileReplication/InotifyModeSm.h"
 #include "FileReplication/PeriodicModeSm.h"
 #include "agent/ConfigApplier.h"
@@ -23,6 +23,7 @@
 #include "runtime/ChildManager.h"
 #include "runtime/FileDescriptor.h"
 #include "runtime/Morlix.h"
+#include "runtime/Trace.h"
 
 namespace Agent {
 
@@ -32,6 +33,9 @@ namespace {
 
 // Editors write a file in several steps; one reload after the last of them.
 constexpr double reloadDelay = 0.2;
+// How often a watch of the configuration's directory that the kernel refused
+// is tried again.
+constexpr double watchRetryDelay = 10;
 
 void say(std::string const& message) { std::cerr << "filerep: " << message << std::endl; }
 
@@ -49,10 +53,24 @@ Kel::Ptr<ReplicationSm> replicationSmOf(FileReplication::RequesterConfigSmBase* 
     return periodic->replicationSm(path);
   }
   if (auto* inotify = dynamic_cast<FileReplication::InotifyRequesterConfigSm*>(sm)) {
-    auto dir = inotify->dirSm(FileReplication::Utils::dirname(path));
-    return dir ? dir->replicationSm(FileReplication::Utils::filename(path)) : nullptr;
+    return inotify->replicationSm(Kel::String(path));
   }
   return nullptr;
+}
+
+// The directories of an inotify requester whose changes cannot be seen now,
+// with why: missing (and which ancestor waits for it), or refused a watch.
+nlohmann::json unwatchedDirectories(FileReplication::RequesterConfigSmBase* sm) {
+  nlohmann::json unwatched = nlohmann::json::object();
+  auto* inotify = dynamic_cast<FileReplication::InotifyRequesterConfigSm*>(sm);
+  if (!inotify) return unwatched;
+  for (auto const& [dir, dsm] : inotify->dirSm()) {
+    auto const watch = dsm->dirWatch();
+    if (!watch || watch->watchId()) continue;
+    unwatched[dir.str()] = watch->error() ? watch->errorText().str()
+                                          : "missing; watching " + watch->waitingOn().str() + " for it to appear";
+  }
+  return unwatched;
 }
 
 std::string stateText(ReplicationSm::State state) {
@@ -85,20 +103,26 @@ class Agent::SignalReactor : public Kel::FileDescriptor::NotifieeConst {
   Agent* agent_;
 };
 
-class Agent::ConfigFileWatcher : public FileReplication::Watcher {
+// Through the shared inotify instance, and on whatever happens to the
+// file's directory too: swapped for a new one, removed and made again.
+class Agent::ConfigFileWatcher : private FileReplication::DirWatch::Listener {
  public:
-  ConfigFileWatcher(Agent* agent, Kel::String directory, std::string fileName)
-      : Watcher(std::move(directory)), agent_(agent), fileName_(std::move(fileName)) {
-    handleInitialized();
-  }
-  void handleInotifyEvent(FileReplication::InotifyEvent const& event) override {
+  ConfigFileWatcher(Agent* agent, std::filesystem::path const& configPath)
+      : agent_(agent),
+        fileName_(configPath.filename().string()),
+        watch_(FileReplication::DirWatch::DirWatchIs(configPath.parent_path().string(), this, watchRetryDelay)) {}
+  ~ConfigFileWatcher() { watch_->listenerDel(); }
+
+ private:
+  void onDirEntry(FileReplication::InotifyEvent const& event) override {
     // Whatever happened to it (written, renamed over, removed): read it again.
     if (event.fileName().str() == fileName_) agent_->reloadSoon();
   }
+  void onDirAnew() override { agent_->reloadSoon(); }
 
- private:
   Agent* agent_;
   std::string fileName_;
+  Kel::Ptr<FileReplication::DirWatch> watch_;
 };
 
 class Agent::ReloadTimer : public Kel::Clock::NotifieeConst {
@@ -114,12 +138,16 @@ class Agent::ReloadTimer : public Kel::Clock::NotifieeConst {
 };
 
 Agent::Agent(Options options) : options_(std::move(options)) {
+  // What the operator must act on is logged whatever KEL_TRACE asks for.
+  char const* const trace = std::getenv("KEL_TRACE");
+  Kel::traceConfigIs(std::string("filerep/1") + (trace && *trace ? std::string(",") + trace : std::string()));
   ParsedConfig parsed = parseConfigFile(options_.configPath);
   if (!parsed.ok()) {
     std::string all;
     for (auto const& e : parsed.errors) all += e + "\n";
     throw std::runtime_error("the configuration is not valid:\n" + all);
   }
+  for (auto const& w : parsed.warnings) say("warning: " + w);
   if (!options_.traceFile.empty()) Morlix::open(options_.traceFile);
   if (auto appended = ensureReplicateOnPath(); !appended.empty()) say("using the bundled Replicate in " + appended);
 
@@ -145,12 +173,12 @@ Agent::Agent(Options options) : options_(std::move(options)) {
   std::filesystem::path const configPath = std::filesystem::absolute(options_.configPath);
   reloadTimer_ = new ReloadTimer(this);
   reloadTimer_->notifierIs(Kel::activityManager()->clock());
-  watcher_ = new ConfigFileWatcher(this, configPath.parent_path().string(), configPath.filename().string());
+  watcher_ = std::make_unique<ConfigFileWatcher>(this, configPath);
   say("running with " + std::to_string(config_->requesters()) + " requesters from " + options_.configPath);
 }
 
 Agent::~Agent() {
-  watcher_ = nullptr;
+  watcher_.reset();
   if (reloadTimer_) reloadTimer_->notifierIs(nullptr);
   // The machines go first: running children are killed and every status
   // is final before anything else is released.
@@ -179,6 +207,7 @@ bool Agent::reload() {
     for (auto const& e : parsed.errors) std::cerr << e << std::endl;
     return false;
   }
+  for (auto const& w : parsed.warnings) say("warning: " + w);
   apply(parsed.config);
   return true;
 }
@@ -210,10 +239,13 @@ nlohmann::json Agent::status() const {
       if (fs && !fs->lastError().empty()) file["lastError"] = fs->lastError().str();
       files[path.str()] = std::move(file);
     }
-    requesters[name.str()] = {{"mode", rc->mode() == FileReplication::RequesterConfig::inotify ? "inotify" : "periodic"},
-                              {"enabled", rc->enabled()},
-                              {"overflows", rs ? rs->overflows() : 0},
-                              {"files", std::move(files)}};
+    nlohmann::json requester = {
+        {"mode", rc->mode() == FileReplication::RequesterConfig::inotify ? "inotify" : "periodic"},
+        {"enabled", rc->enabled()},
+        {"overflows", rs ? rs->overflows() : 0},
+        {"files", std::move(files)}};
+    if (auto unwatched = unwatchedDirectories(sm.ptr()); !unwatched.empty()) requester["unwatched"] = unwatched;
+    requesters[name.str()] = std::move(requester);
   }
   return {{"requesters", std::move(requesters)}};
 }

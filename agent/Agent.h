@@ -66,7 +66,7 @@ class Agent {
   std::unique_ptr<ControlServer> control_;
   int signalFd_ = -1;
   Kel::Ptr<SignalReactor> signals_;
-  Kel::Ptr<ConfigFileWatcher> watcher_;
+  std::unique_ptr<ConfigFileWatcher> watcher_;
   Kel::Ptr<ReloadTimer> reloadTimer_;
 };
 

@@ -30,6 +30,7 @@ struct RequesterSettings {
   // Files due together share a Replicate run, up to this many; 1: each file
   // runs alone.
   std::uint32_t maxFilesPerRun = 2500;
+  double deleteDelay = 0.2;
   std::vector<FileSettings> files;
   bool operator==(RequesterSettings const&) const = default;
 };

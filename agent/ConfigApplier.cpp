@@ -22,6 +22,7 @@ void scalarsIs(RequesterConfig& rc, RequesterSettings const& s) {
   rc.syncErrorThresholdIs(s.syncErrorThreshold);
   rc.remoteHostReplicationDelayIs(s.remoteHostReplicationDelay);
   rc.maxFilesPerRunIs(s.maxFilesPerRun);
+  rc.deleteDelayIs(s.deleteDelay);
 }
 
 // New hosts go in before gone ones come out: a requester that swaps its only

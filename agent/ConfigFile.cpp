@@ -38,6 +38,7 @@ constexpr std::string_view requesterKeys[] = {"mode",
                                               "syncErrorThreshold",
                                               "remoteHostReplicationDelay",
                                               "maxFilesPerRun",
+                                              "deleteDelay",
                                               "files"};
 constexpr std::string_view fileKeys[] = {"path", "dstPath", "rsyncOptions"};
 
@@ -54,6 +55,7 @@ constexpr TimeSetting timeSettings[] = {
     {"replicationTimeout", &RequesterSettings::replicationTimeout, false},
     {"retryInterval", &RequesterSettings::retryInterval, true},
     {"remoteHostReplicationDelay", &RequesterSettings::remoteHostReplicationDelay, true},
+    {"deleteDelay", &RequesterSettings::deleteDelay, true},
 };
 
 // Hosts are joined with ',' for Replicate, and a host name that a shell or
@@ -180,7 +182,9 @@ class Parser {
     YAML::Mark mark;
   };
 
+  std::string position(YAML::Mark const& at) const;
   void error(YAML::Mark const& at, std::string const& message);
+  void warning(YAML::Mark const& at, std::string const& message);
   void unknownKey(YAML::Node const& key, std::string const& where, Keys allowed);
   template <class Handle>
   void forEachEntry(YAML::Node const& map, Handle handle);
@@ -194,6 +198,7 @@ class Parser {
   std::optional<std::string> parsePath(YAML::Node const& value, YAML::Mark const& at, std::string const& key,
                                        bool plain);
   void checkWatchable(FileSite const& site);
+  void checkCopiedOntoItself(FileSettings const& f, YAML::Mark const& at);
 
   std::string const& fileName_;
   ParsedConfig result_;
@@ -217,10 +222,18 @@ ParsedConfig Parser::parse(std::string const& text) {
   return std::move(result_);
 }
 
-void Parser::error(YAML::Mark const& at, std::string const& message) {
+std::string Parser::position(YAML::Mark const& at) const {
   int const line = at.is_null() ? 1 : at.line + 1;
   int const column = at.is_null() ? 1 : at.column + 1;
-  result_.errors.push_back(fileName_ + ":" + std::to_string(line) + ":" + std::to_string(column) + ": " + message);
+  return fileName_ + ":" + std::to_string(line) + ":" + std::to_string(column) + ": ";
+}
+
+void Parser::error(YAML::Mark const& at, std::string const& message) {
+  result_.errors.push_back(position(at) + message);
+}
+
+void Parser::warning(YAML::Mark const& at, std::string const& message) {
+  result_.warnings.push_back(position(at) + message);
 }
 
 void Parser::unknownKey(YAML::Node const& key, std::string const& where, Keys allowed) {
@@ -344,8 +357,12 @@ void Parser::parseRequester(std::string const& name, YAML::Node const& key, YAML
   });
   if (!hasMode) {
     error(key.Mark(), "requester " + quoted(name) + " has no mode; expected mode: periodic or inotify");
-  } else if (modeValid && r.mode == RequesterConfig::inotify) {
-    for (auto const& site : sites) checkWatchable(site);
+  }
+  // sites and r.files are filled together. A disabled requester is checked
+  // too: it can be enabled without a reload.
+  for (std::size_t i = 0; i < sites.size(); ++i) {
+    if (hasMode && modeValid && r.mode == RequesterConfig::inotify) checkWatchable(sites[i]);
+    if (r.remoteHosts.empty()) checkCopiedOntoItself(r.files[i], sites[i].mark);
   }
   result_.config.requesters.push_back(std::move(r));
 }
@@ -463,15 +480,30 @@ std::optional<std::string> Parser::parsePath(YAML::Node const& value, YAML::Mark
   return text;
 }
 
-// The inotify machine watches each file's directory and asserts that it
-// exists, so a file whose directory is missing must not get that far.
+// The inotify machine waits for a missing directory to appear, and its files
+// count as missing meanwhile: a directory not made yet is fine, but a typo in
+// it would go unnoticed.
 void Parser::checkWatchable(FileSite const& site) {
   std::string const dir = FileReplication::Utils::dirname(site.path).str();
   struct stat st;
   int const failure = stat(dir.c_str(), &st) != 0 ? errno : S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
   if (failure == 0) return;
-  error(site.mark, "cannot watch the directory " + quoted(dir) + ": " + describeErrno(failure) +
-                       "; expected an existing directory, as the requester is in inotify mode");
+  std::string const why = " (" + describeErrno(failure) + "); ";
+  if (FileReplication::Utils::missing(failure)) {
+    warning(site.mark,
+            "the directory " + quoted(dir) + " does not exist" + why + "its files are replicated once it appears");
+  } else {
+    warning(site.mark, "the directory " + quoted(dir) + " cannot be checked" + why +
+                           "the agent may be unable to watch it");
+  }
+}
+
+// The library refuses to copy a file onto itself, so such a file is valid
+// but never replicated, which is hardly what was meant.
+void Parser::checkCopiedOntoItself(FileSettings const& f, YAML::Mark const& at) {
+  if (f.dstPath != f.path && !FileReplication::Utils::sameFile(f.path, f.dstPath)) return;
+  warning(at, "dstPath " + quoted(f.dstPath) + " of file " + quoted(f.path) +
+                  " is the same file as its source and the requester has no remote hosts; it is never copied");
 }
 
 // Reads the whole file; 0 or the errno of the failure.

@@ -146,6 +146,13 @@ std::string statusTable(nlohmann::json const& status, double now) {
     std::string header = escaped(name) + ": " + escaped(mode.get_ref<std::string const&>()) + ", " +
                          (enabled.get<bool>() ? "enabled" : "disabled") + ", " + std::to_string(files.size()) +
                          (files.size() == 1 ? " file" : " files");
+    // Directories whose changes cannot be seen, and why.
+    nlohmann::json const& unwatched = field(requester, "unwatched");
+    if (!unwatched.is_null() && !unwatched.is_object()) malformed(where, "unwatched", "an object");
+    for (auto const& [dir, why] : unwatched.items()) {
+      if (!why.is_string()) malformed(where, "unwatched", "an object of strings");
+      header += "\n  not watched: " + escaped(dir) + ": " + escaped(why.get_ref<std::string const&>());
+    }
     std::vector<Row> rows;
     rows.reserve(files.size());
     for (auto const& [path, file] : files.items()) {

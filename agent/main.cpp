@@ -67,6 +67,7 @@ int runAgent(std::string const& config, std::string const& socket, std::string c
 int check(std::string const& config) {
   Agent::ParsedConfig parsed = Agent::parseConfigFile(config);
   for (auto const& e : parsed.errors) std::cerr << e << std::endl;
+  for (auto const& w : parsed.warnings) std::cerr << "warning: " << w << std::endl;
   if (!parsed.ok()) return 1;
   std::cout << config << ": valid, " << parsed.config.requesters.size() << " requesters" << std::endl;
   return 0;
@@ -119,7 +120,8 @@ int main(int argc, char** argv) {
   run->add_option("--socket", socket, "The control socket")->capture_default_str();
   run->add_option("--trace-file", traceFile, "Record every trace statement in this ring buffer");
 
-  auto* checkCommand = app.add_subcommand("check", "Check a configuration file: print every error, exit 1 if any.");
+  auto* checkCommand =
+      app.add_subcommand("check", "Check a configuration file: print every error and warning, exit 1 if any error.");
   checkCommand->add_option("--config", config, "The configuration file (YAML)")->required();
 
   auto* status = app.add_subcommand("status", "Show the status of every requester and file.");

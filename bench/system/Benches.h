@@ -25,6 +25,10 @@ struct Options {
   int samples = 0;
   int stormFiles = 0;
   int rewrites = 0;
+  int saves = 0;
+  // The requester's deleteDelay in seconds; negative leaves the key out of
+  // the configuration, and with it the agent's default.
+  double deleteDelay = -1;
   // The requesters' maxFilesPerRun; 0 leaves the agent's default.
   int maxFilesPerRun = 0;
   // How long the agent gets to replicate everything before it is given up
@@ -43,5 +47,6 @@ void sshSyncBench(Options const& options, Report& report);
 void expiryBench(Options const& options, Report& report);
 void latencyBench(Options const& options, Report& report);
 void rsyncStormBench(Options const& options, Report& report);
+void renameSaveBench(Options const& options, Report& report);
 
 }  // namespace SystemBench

@@ -22,14 +22,18 @@ using SystemBench::Report;
 int usage(char const* program) {
   std::cerr << "usage: " << program
             << " [--quick] [--json] [--only NAME[,NAME...]] [--files N] [--samples N]\n"
-               "       [--storm-files N] [--rewrites N] [--max-files-per-run N] [--limit SECONDS]\n"
+               "       [--storm-files N] [--rewrites N] [--saves N] [--delete-delay SECONDS]\n"
+               "       [--max-files-per-run N] [--limit SECONDS]\n"
                "  NAME, with a stand-in Replicate: reaction, scale, storm, idle, endurance\n"
                "  NAME, with the real Replicate, rsync and ssh: sync (initial sync), sshsync (the same over\n"
-               "    ssh to a test sshd), expiry (periodic expiry), latency (one edit), rsyncstorm (rewrites)\n"
+               "    ssh to a test sshd), expiry (periodic expiry), latency (one edit), rsyncstorm (rewrites),\n"
+               "    renamesave (saves that rename the file away and back)\n"
                "  --files N        files of sync, sshsync and expiry (10000; quick: 300)\n"
                "  --samples N      edits of latency (100; quick: 10)\n"
                "  --storm-files N  files of rsyncstorm (100; quick: 20)\n"
                "  --rewrites N     rewrites of each of them (1000; quick: 50)\n"
+               "  --saves N        saves of renamesave (1000; quick: 20)\n"
+               "  --delete-delay SECONDS  renamesave's requester's deleteDelay (the agent's default)\n"
                "  --max-files-per-run N  the requesters' maxFilesPerRun (the agent's default)\n"
                "  --limit SECONDS  time the agent gets to replicate everything (180; quick: 60)\n";
   return 2;
@@ -62,11 +66,13 @@ int main(int argc, char** argv) {
       {"sshsync", SystemBench::sshSyncBench},
       {"expiry", SystemBench::expiryBench},
       {"latency", SystemBench::latencyBench},
-      {"rsyncstorm", SystemBench::rsyncStormBench}};
+      {"rsyncstorm", SystemBench::rsyncStormBench},
+      {"renamesave", SystemBench::renameSaveBench}};
   std::map<std::string, int*> const sizes = {{"--files", &options.files},
                                              {"--samples", &options.samples},
                                              {"--storm-files", &options.stormFiles},
                                              {"--rewrites", &options.rewrites},
+                                             {"--saves", &options.saves},
                                              {"--max-files-per-run", &options.maxFilesPerRun}};
   for (int i = 1; i < argc; ++i) {
     if (!std::strcmp(argv[i], "--quick")) {
@@ -79,6 +85,12 @@ int main(int argc, char** argv) {
       *sizes.at(argv[i - 1]) = int(value);
     } else if (!std::strcmp(argv[i], "--limit") && i + 1 < argc) {
       if (!positive(argv[++i], options.limitSeconds)) return usage(argv[0]);
+    } else if (!std::strcmp(argv[i], "--delete-delay") && i + 1 < argc) {
+      // 0 is a delay too: deletion at once.
+      char* end = nullptr;
+      char const* text = argv[++i];
+      options.deleteDelay = std::strtod(text, &end);
+      if (end == text || *end != '\0' || !(options.deleteDelay >= 0)) return usage(argv[0]);
     } else if (!std::strcmp(argv[i], "--only") && i + 1 < argc) {
       std::istringstream names(argv[++i]);
       for (std::string name; std::getline(names, name, ',');) {

@@ -113,6 +113,18 @@ TEST_F(ReplicationSmTest, FailureBacksOffForTheRetryIntervalAndDropsRequests) {
   turn();
   EXPECT_EQ(ReplicationSm::backoff, sm.state());
   EXPECT_EQ(clock()->now() + 10, sm.backoffTime());
+
+  // A save by rename under the run fails it for no fault of the host: run
+  // again at once, but once, so that a dead host still backs off.
+  clock()->advance(10);
+  ASSERT_EQ(3u, children_.launches());
+  replaceFile(source_, "saved");
+  end(2, 23);
+  EXPECT_EQ(ReplicationSm::replicating, sm.state());
+  ASSERT_EQ(4u, children_.launches());
+  replaceFile(source_, "again");
+  end(3, 23);
+  EXPECT_EQ(ReplicationSm::backoff, sm.state());
 }
 
 TEST_F(ReplicationSmTest, TimeOutKillsTheChildAndItsLateExitChangesNothing) {

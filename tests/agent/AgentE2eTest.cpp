@@ -82,6 +82,33 @@ TEST(AgentE2e, ReplicatesEditsDeletionsAndReloads) {
 
 // A Replicate that hangs is killed by SIGTERM's orderly shutdown; nothing
 // is left running.
+// A directory that is not there yet, or that a deploy tool swaps for a new
+// one, is watched as soon as it is there; the one moved away is not ours.
+TEST(AgentE2e, DirectoriesMissingAtStartOrSwappedAreWatchedWhenThere) {
+  TempDir d;
+  std::filesystem::create_directories(d / "src");
+  writeFile(d / "filerep.yaml", configFor(d, {"conf/x"}));
+  AgentProcess agent(d / "filerep.yaml", d / "filerep.sock");
+  ASSERT_TRUE(agent.ready()) << agent.log();
+  EXPECT_NE(std::string::npos, agent.log().find("does not exist")) << agent.log();
+  EXPECT_TRUE(eventually([&] { return agent.status()["requesters"]["web"].contains("unwatched"); }));
+
+  std::filesystem::create_directories(d / "src/conf");
+  writeFile(d / "src/conf/x", "v1");
+  ASSERT_TRUE(eventually([&] { return readFile(d / "dst/conf/x") == "v1"; })) << agent.log();
+  EXPECT_FALSE(agent.status()["requesters"]["web"].contains("unwatched"));
+
+  std::filesystem::create_directories(d / "src/conf.new");
+  writeFile(d / "src/conf.new/x", "v2");
+  std::filesystem::rename(d / "src/conf", d / "src/conf.old");
+  std::filesystem::rename(d / "src/conf.new", d / "src/conf");
+  ASSERT_TRUE(eventually([&] { return readFile(d / "dst/conf/x") == "v2"; })) << agent.log();
+  std::filesystem::remove(d / "src/conf.old/x");
+  writeFile(d / "src/conf/x", "v3");
+  ASSERT_TRUE(eventually([&] { return readFile(d / "dst/conf/x") == "v3"; })) << agent.log();
+  EXPECT_EQ(0, agent.stop(SIGTERM)) << agent.log();
+}
+
 TEST(AgentE2e, StopKillsRunningChildrenAndExitsZero) {
   TempDir d;
   std::filesystem::create_directories(d / "bin");

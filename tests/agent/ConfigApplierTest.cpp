@@ -97,6 +97,7 @@ TEST_F(ConfigApplierTest, BuildsEachNewRequesterCompleteBeforeInsertingIt) {
   db.retryInterval = 3;
   db.syncErrorThreshold = 9;
   db.remoteHostReplicationDelay = 0;
+  db.deleteDelay = 0;
   db.files = {{"/var/db/x", "/var/db/x", "-az"}};
   EXPECT_EQ(Lines{}, apply(configOf({web(), db})));
   EXPECT_EQ((Lines{"+web", "+db"}), log_->take()) << "no requester is seen half-built";
@@ -119,6 +120,7 @@ TEST_F(ConfigApplierTest, BuildsEachNewRequesterCompleteBeforeInsertingIt) {
   EXPECT_EQ(3, d->retryInterval());
   EXPECT_EQ(9, d->syncErrorThreshold());
   EXPECT_EQ(0, d->remoteHostReplicationDelay());
+  EXPECT_EQ(0, d->deleteDelay());
   EXPECT_EQ(0u, d->remoteHosts());
   EXPECT_EQ(Kel::String("-az"), d->file("/var/db/x")->rsyncOptions());
 }

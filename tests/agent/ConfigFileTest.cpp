@@ -134,7 +134,7 @@ requesters:
                 "bad.yaml:12:69: remote host \"good\" is listed twice (first at line 12); expected each host once",
                 "bad.yaml:13:5: unknown key \"perod\" in requester \"web\"; expected one of mode, enabled, "
                 "remoteHosts, period, replicationTimeout, retryInterval, syncErrorThreshold, "
-                "remoteHostReplicationDelay, maxFilesPerRun, files",
+                "remoteHostReplicationDelay, maxFilesPerRun, deleteDelay, files",
                 "bad.yaml:15:15: path is \"relative/file\"; expected an absolute file path",
                 "bad.yaml:17:18: dstPath is \"dst\"; expected an absolute file path",
                 "bad.yaml:18:9: unknown key \"rsync\" in a file; expected one of path, dstPath, rsyncOptions",
@@ -159,6 +159,30 @@ requesters:
             }),
             parsed.errors);
   EXPECT_EQ(AgentConfig(), parsed.config) << "nothing of an invalid file is offered for use";
+}
+
+TEST(ConfigFileTest, ReadsDeleteDelay) {
+  auto const parsed = parseConfigText("requesters:\n"
+                                      "  a: {mode: periodic, deleteDelay: 0}\n"
+                                      "  b: {mode: periodic, deleteDelay: 1.5}\n"
+                                      "  c: {mode: periodic}\n",
+                                      "f.yaml");
+  ASSERT_TRUE(parsed.ok()) << parsed.errors.front();
+  EXPECT_EQ(0, parsed.config.requesters.at(0).deleteDelay);
+  EXPECT_EQ(1.5, parsed.config.requesters.at(1).deleteDelay);
+  EXPECT_EQ(0.2, parsed.config.requesters.at(2).deleteDelay);
+
+  EXPECT_EQ((Lines{"f.yaml:2:36: deleteDelay is \"-0.1\"; expected a number of seconds >= 0",
+                   "f.yaml:5:18: deleteDelay is \"soon\"; expected a number of seconds",
+                   "f.yaml:6:36: deleteDelay is a list; expected a number of seconds"}),
+            parseConfigText("requesters:\n"
+                            "  a: {mode: periodic, deleteDelay: -0.1}\n"
+                            "  b:\n"
+                            "    mode: periodic\n"
+                            "    deleteDelay: soon\n"
+                            "  c: {mode: periodic, deleteDelay: [1]}\n",
+                            "f.yaml")
+                .errors);
 }
 
 TEST(ConfigFileTest, RefusesFilesOfTheWrongShape) {
@@ -191,12 +215,15 @@ class ConfigFileIntegration : public testing::Test {
   std::string const dir_ = tmp_.path();
 };
 
-TEST_F(ConfigFileIntegration, ReadsTheFileAndChecksInotifyDirectories) {
+TEST_F(ConfigFileIntegration, WarnsOfMissingDirectoriesAndFilesCopiedOntoThemselves) {
   std::filesystem::create_directory(dir_ + "/watched");
+  std::filesystem::create_directory_symlink("watched", dir_ + "/link");
+  write("watched/a", "");
   write("plain", "");
   std::string const path = write("agent.yaml", "requesters:\n"
                                                "  live:\n"
                                                "    mode: inotify\n"
+                                               "    remoteHosts: [h]\n"
                                                "    files:\n"
                                                "      - path: " + dir_ + "/watched/a\n"
                                                "      - path: " + dir_ + "/missing/b\n"
@@ -204,30 +231,33 @@ TEST_F(ConfigFileIntegration, ReadsTheFileAndChecksInotifyDirectories) {
                                                "  dormant:\n"
                                                "    mode: inotify\n"
                                                "    enabled: false\n"
+                                               "    remoteHosts: [h]\n"
                                                "    files:\n"
                                                "      - path: /nonexistent-filerep-dir/d\n"
-                                               "  polled:\n"
+                                               "  local:\n"
                                                "    mode: periodic\n"
                                                "    files:\n"
-                                               "      - path: /nonexistent-filerep-dir/e\n");
+                                               "      - path: /nonexistent-filerep-dir/e\n"
+                                               "      - path: " + dir_ + "/watched/a\n"
+                                               "        dstPath: " + dir_ + "/link/./a\n"
+                                               "      - path: " + dir_ + "/watched/b\n"
+                                               "        dstPath: " + dir_ + "/watched/c\n");
   auto const parsed = parseConfigFile(path);
+  ASSERT_TRUE(parsed.ok()) << parsed.errors.front();
+  EXPECT_EQ(RequesterConfig::inotify, parsed.config.requesters.at(0).mode);
+  EXPECT_EQ(dir_ + "/watched/a", parsed.config.requesters[0].files.at(0).dstPath);
+  std::string const appears = "; its files are replicated once it appears";
+  std::string const never = " is the same file as its source and the requester has no remote hosts; it is never copied";
   // A disabled requester is checked too: it can be enabled without a reload.
-  EXPECT_EQ((Lines{path + ":6:15: cannot watch the directory \"" + dir_ +
-                       "/missing\": No such file or directory; expected an existing directory, as the requester is in "
-                       "inotify mode",
-                   path + ":7:15: cannot watch the directory \"" + dir_ +
-                       "/plain\": Not a directory; expected an existing directory, as the requester is in inotify mode",
-                   path + ":12:15: cannot watch the directory \"/nonexistent-filerep-dir\": No such file or directory; "
-                          "expected an existing directory, as the requester is in inotify mode"}),
-            parsed.errors);
-
-  std::string const good = write("good.yaml", "requesters:\n  live:\n    mode: inotify\n    files:\n      - path: " +
-                                                  dir_ + "/watched/a\n");
-  auto const valid = parseConfigFile(good);
-  ASSERT_TRUE(valid.ok()) << valid.errors.front();
-  ASSERT_EQ(1u, valid.config.requesters.size());
-  EXPECT_EQ(RequesterConfig::inotify, valid.config.requesters[0].mode);
-  EXPECT_EQ(dir_ + "/watched/a", valid.config.requesters[0].files.at(0).dstPath);
+  EXPECT_EQ((Lines{path + ":7:15: the directory \"" + dir_ + "/missing\" does not exist (No such file or directory)" +
+                       appears,
+                   path + ":8:15: the directory \"" + dir_ + "/plain\" does not exist (Not a directory)" + appears,
+                   path + ":14:15: the directory \"/nonexistent-filerep-dir\" does not exist (No such file or "
+                          "directory)" + appears,
+                   path + ":18:15: dstPath \"/nonexistent-filerep-dir/e\" of file \"/nonexistent-filerep-dir/e\"" +
+                       never,
+                   path + ":19:15: dstPath \"" + dir_ + "/link/./a\" of file \"" + dir_ + "/watched/a\"" + never}),
+            parsed.warnings);
 }
 
 TEST_F(ConfigFileIntegration, ReportsAFileThatCannotBeRead) {
