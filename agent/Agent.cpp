@@ -111,7 +111,7 @@ class Agent::ConfigFileWatcher : private FileReplication::DirWatch::Listener {
       : agent_(agent),
         fileName_(configPath.filename().string()),
         watch_(FileReplication::DirWatch::DirWatchIs(configPath.parent_path().string(), this, watchRetryDelay)) {}
-  ~ConfigFileWatcher() { watch_->listenerDel(); }
+  virtual ~ConfigFileWatcher() { watch_->listenerDel(); }
 
  private:
   void onDirEntry(FileReplication::InotifyEvent const& event) override {
