@@ -31,6 +31,9 @@ using FileReplication::ReplicationSm;
 
 namespace {
 
+// Where an installed or built Replicate is looked for, beside filerep.
+constexpr char const* replicateDirectories = "../libexec/filerep, ., ../tools/Replicate, ../lib/filerep";
+
 // Editors write a file in several steps; one reload after the last of them.
 constexpr double reloadDelay = 0.2;
 // How often a watch of the configuration's directory that the kernel refused
@@ -149,7 +152,13 @@ Agent::Agent(Options options) : options_(std::move(options)) {
   }
   for (auto const& w : parsed.warnings) say("warning: " + w);
   if (!options_.traceFile.empty()) Morlix::open(options_.traceFile);
-  if (auto appended = ensureReplicateOnPath(); !appended.empty()) say("using the bundled Replicate in " + appended);
+  // Without it every file would fail, each with no more than an exit status.
+  auto const replicate = ensureReplicateOnPath();
+  if (!replicate) {
+    throw std::runtime_error("cannot find Replicate: it is not on PATH, nor installed beside filerep (" +
+                             std::string(replicateDirectories) + ")");
+  }
+  if (!replicate->empty()) say("using the bundled Replicate in " + *replicate);
 
   // Blocked so that they arrive through the loop; children get a clean mask.
   sigset_t set = handledSignals();
@@ -294,7 +303,7 @@ nlohmann::json Agent::deleteIfNotExist(std::string const& requester) {
   return reply;
 }
 
-std::string ensureReplicateOnPath() {
+std::optional<std::string> ensureReplicateOnPath() {
   char const* path = getenv("PATH");
   std::string const current = path ? path : "";
   std::string::size_type start = 0;
@@ -303,22 +312,23 @@ std::string ensureReplicateOnPath() {
     if (end == std::string::npos) end = current.size();
     std::string dir = current.substr(start, end - start);
     if (dir.empty()) dir = ".";
-    if (access((dir + "/Replicate").c_str(), X_OK) == 0) return "";
+    if (access((dir + "/Replicate").c_str(), X_OK) == 0) return std::string();
     start = end + 1;
   }
   char self[PATH_MAX];
   ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-  if (n <= 0) return "";
+  if (n <= 0) return std::nullopt;
   self[n] = '\0';
   std::filesystem::path const here = std::filesystem::path(self).parent_path();
-  for (auto const& dir : {here, here / "../tools/Replicate", here / "../lib/filerep"}) {
+  // Installed (libexec), or beside it in a build tree.
+  for (auto const& dir : {here / "../libexec/filerep", here, here / "../tools/Replicate", here / "../lib/filerep"}) {
     if (access((dir / "Replicate").c_str(), X_OK) == 0) {
       std::string const appended = std::filesystem::weakly_canonical(dir).string();
       setenv("PATH", (current.empty() ? appended : current + ":" + appended).c_str(), 1);
       return appended;
     }
   }
-  return "";
+  return std::nullopt;
 }
 
 }  // namespace Agent

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -72,7 +73,8 @@ class Agent {
 
 // Makes sure a Replicate program can be found: PATH is left exactly as it is
 // when it has one, else the directory of the bundled one is appended.
-// Returns the directory appended, or empty.
-std::string ensureReplicateOnPath();
+// Returns the directory appended, empty when PATH had one, none when there
+// is none anywhere.
+std::optional<std::string> ensureReplicateOnPath();
 
 }  // namespace Agent
