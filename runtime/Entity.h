@@ -47,6 +47,10 @@ class Entity : public PtrInterface {
     for (std::size_t i = 0; i < n && !d.notifierGone; ++i) {
       Reactor* r = reactors_[i];
       if (!r || r->markedForDeletion()) continue;
+      // A callback may drop the last pointer to its own reactor and then
+      // throw; the catch below still talks to it. A reactor that lives as a
+      // plain member is counted by nobody, and its owner keeps it.
+      Ptr<Reactor> const keep(r->references() ? r : nullptr);
       try {
         (static_cast<N*>(r)->*callback)(args...);
       } catch (...) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
+#include <string>
 #include <utility>
 
 #include "runtime/Exception.h"
@@ -17,8 +18,15 @@ class LinkQueue {
  public:
   static constexpr std::uint64_t fullIndexSpace = std::uint64_t(1) << 32;
 
+  // Indices are 32 bits, so the space is at most 2^32, and it holds at
+  // least the index given first.
   explicit LinkQueue(std::uint32_t firstIndex = 0, std::uint64_t indexSpace = fullIndexSpace)
-      : space_(indexSpace), head_(firstIndex), tail_(firstIndex) {}
+      : space_(indexSpace), head_(firstIndex), tail_(firstIndex) {
+    if (indexSpace == 0 || indexSpace > fullIndexSpace || firstIndex >= indexSpace) {
+      throwRangeException("linkqueue index space " + std::to_string(indexSpace) + " with first index " +
+                          std::to_string(firstIndex));
+    }
+  }
 
   std::uint32_t head() const { return head_; }
   std::uint32_t tail() const { return tail_; }

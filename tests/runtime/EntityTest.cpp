@@ -122,6 +122,15 @@ TEST(EntityTest, ThrowingReactorDoesNotStopTheFanOut) {
   log.clear();
   thing->valueIs(2);  // the list is consistent afterwards
   EXPECT_EQ(2u, log.size());
+
+  // A reactor that lets go of its own last pointer and then throws is still
+  // there to be told of its failure.
+  Recorder* const raw = a.ptr();
+  raw->action = [&a] {
+    a = nullptr;
+    throw std::runtime_error("gone");
+  };
+  EXPECT_THROW(thing->valueIs(3), std::runtime_error);
 }
 
 }  // namespace
