@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <memory>
+#include <vector>
 
 #include "runtime/ChildLauncher.h"
 #include "runtime/Trace.h"
@@ -16,32 +17,42 @@ namespace FileReplication {
 
 namespace Commands {
 
+namespace {
+
+// "Replicate --cmd CMD [--remoteHosts HOSTS [--sshOptions SSH]]": the rest
+// is the command's own.
+std::vector<char const*> commandHead(char const* cmd, Kel::String8 const& remoteHostsString,
+                                     Kel::String8 const& sshOptions) {
+  std::vector<char const*> argv = {"Replicate", "--cmd", cmd};
+  if (remoteHostsString == "") return argv;
+  argv.insert(argv.end(), {"--remoteHosts", remoteHostsString.charPtr()});
+  if (sshOptions != "") argv.insert(argv.end(), {"--sshOptions", sshOptions.charPtr()});
+  return argv;
+}
+
+}  // namespace
+
 Kel::Ptr<Kel::ChildSiginfo const> rsyncFile(Kel::String8 remoteHostsString, Kel::String8 source, Kel::String8 target,
-                                            Kel::String8 rsyncOptions, std::uint32_t maxFilesPerRun) {
+                                            Kel::String8 rsyncOptions, std::uint32_t maxFilesPerRun,
+                                            Kel::String8 sshOptions) {
   Kel::ChildSetup setup;
   setup.batchLimit = maxFilesPerRun;
   KEL_TRACE(6, "rsycnFile remoteHostsString:" << remoteHostsString << " source:" << source << " target:" << target
-                                               << " rsyncOptions: " << rsyncOptions);
-  if (remoteHostsString != "") {
-    char const* argv[] = {"Replicate", "--cmd",    "rsyncFile",         "--remoteHosts",
-                          remoteHostsString.charPtr(), "--source", source.charPtr(), "--target",
-                          target.charPtr(),            "--rsyncOptions", rsyncOptions.charPtr(), nullptr};
-    return Kel::run(argv, setup);
-  }
-  char const* argv[] = {"Replicate",       "--cmd",          "rsyncFile", "--source", source.charPtr(), "--target",
-                        target.charPtr(), "--rsyncOptions", rsyncOptions.charPtr(), nullptr};
-  return Kel::run(argv, setup);
+                                               << " rsyncOptions: " << rsyncOptions
+                                               << (sshOptions == "" ? "" : " sshOptions: ") << sshOptions);
+  auto argv = commandHead("rsyncFile", remoteHostsString, sshOptions);
+  argv.insert(argv.end(), {"--source", source.charPtr(), "--target", target.charPtr(), "--rsyncOptions",
+                           rsyncOptions.charPtr(), nullptr});
+  return Kel::run(argv.data(), setup);
 }
 
-Kel::Ptr<Kel::ChildSiginfo const> deleteFile(Kel::String8 remoteHostsString, Kel::String8 target) {
-  KEL_TRACE(6, "deleteFile remoteHostsString:" << remoteHostsString << " target:" << target);
-  if (remoteHostsString != "") {
-    char const* argv[] = {"Replicate", "--cmd",    "deleteFile",     "--remoteHosts",
-                          remoteHostsString.charPtr(), "--target", target.charPtr(), nullptr};
-    return Kel::run(argv, -1, -1, -1, -1);
-  }
-  char const* argv[] = {"Replicate", "--cmd", "deleteFile", "--target", target.charPtr(), nullptr};
-  return Kel::run(argv, -1, -1, -1, -1);
+Kel::Ptr<Kel::ChildSiginfo const> deleteFile(Kel::String8 remoteHostsString, Kel::String8 target,
+                                             Kel::String8 sshOptions) {
+  KEL_TRACE(6, "deleteFile remoteHostsString:" << remoteHostsString << " target:" << target
+                                                << (sshOptions == "" ? "" : " sshOptions: ") << sshOptions);
+  auto argv = commandHead("deleteFile", remoteHostsString, sshOptions);
+  argv.insert(argv.end(), {"--target", target.charPtr(), nullptr});
+  return Kel::run(argv.data(), -1, -1, -1, -1);
 }
 
 }  // namespace Commands

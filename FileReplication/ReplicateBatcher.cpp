@@ -11,6 +11,8 @@ namespace {
 // needs of it.
 struct Copy {
   std::optional<std::string_view> hosts;
+  // Empty when not given; Replicate takes the two alike.
+  std::string_view ssh;
   std::string_view options;
   std::string_view sourceRoot;
   std::string_view targetRoot;
@@ -72,7 +74,7 @@ bool split(std::string_view source, std::string_view target, Copy& copy) {
 }
 
 std::optional<Copy> copyOf(std::vector<std::string> const& argv) {
-  if ((argv.size() != 9 && argv.size() != 11) || argv[0] != "Replicate" || argv[1] != "--cmd" ||
+  if ((argv.size() != 9 && argv.size() != 11 && argv.size() != 13) || argv[0] != "Replicate" || argv[1] != "--cmd" ||
       argv[2] != "rsyncFile") {
     return std::nullopt;
   }
@@ -83,6 +85,8 @@ std::optional<Copy> copyOf(std::vector<std::string> const& argv) {
     std::string_view const value = argv[i + 1];
     if (option == "--remoteHosts") {
       copy.hosts = value;
+    } else if (option == "--sshOptions") {
+      copy.ssh = value;
     } else if (option == "--source") {
       source = value;
     } else if (option == "--target") {
@@ -109,7 +113,7 @@ std::string ReplicateBatcher::batchKey(std::vector<std::string> const& argv) con
   auto const copy = copyOf(argv);
   if (!copy) return {};
   std::string key = copy->hosts ? "h" + std::string(*copy->hosts) : "-";
-  for (auto part : {copy->options, copy->sourceRoot, copy->targetRoot}) {
+  for (auto part : {copy->ssh, copy->options, copy->sourceRoot, copy->targetRoot}) {
     key += '\0';
     key += part;
   }
@@ -126,6 +130,7 @@ Kel::ChildBatcher::Carrier ReplicateBatcher::carrierOf(std::vector<Kel::Ptr<Kel:
     if (!carrier.argv.empty()) continue;
     carrier.argv = {"Replicate", "--cmd", "rsyncFiles"};
     if (copy->hosts) carrier.argv.insert(carrier.argv.end(), {"--remoteHosts", std::string(*copy->hosts)});
+    if (!copy->ssh.empty()) carrier.argv.insert(carrier.argv.end(), {"--sshOptions", std::string(copy->ssh)});
     carrier.argv.insert(carrier.argv.end(),
                         {"--source", std::string(copy->sourceRoot), "--target", std::string(copy->targetRoot),
                          "--rsyncOptions", std::string(copy->options)});

@@ -13,11 +13,11 @@ namespace FileReplication {
 // common source root and destination root with one rsync per host and
 // prints one line per name: "0" when that file reached every host.
 //
-// Copies share a process when they go to the same hosts with the same
-// options and their paths split alike into root and name: /srv/a/x.conf to
-// /backup/a/x.conf has roots /srv and /backup and the name a/x.conf. A copy
-// whose destination has another base name, or whose paths or options could
-// make rsync read the list differently, runs alone.
+// Copies share a process when they go to the same hosts with the same ssh
+// and rsync options and their paths split alike into root and name:
+// /srv/a/x.conf to /backup/a/x.conf has roots /srv and /backup and the name
+// a/x.conf. A copy whose destination has another base name, or whose paths
+// or options could make rsync read the list differently, runs alone.
 class ReplicateBatcher : public Kel::ChildBatcher {
  public:
   // The one the agent's child manager uses.

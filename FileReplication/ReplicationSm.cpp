@@ -262,7 +262,8 @@ void ReplicationSm::startReplication() {
   if (!Utils::missing(error)) missingSince_ = never;
   if (error == 0) {
     SM_TRACE(": Syncing file");
-    replicationCmdIs(Commands::rsyncFile(remoteHostsString(), path(), dstPath(), rsyncOptions(), maxFilesPerRun()));
+    replicationCmdIs(Commands::rsyncFile(remoteHostsString(), path(), dstPath(), rsyncOptions(), maxFilesPerRun(),
+                                         requesterConfig_->sshOptions()));
   } else if (Utils::missing(error)) {
     double const now = Kel::now();
     if (missingSince_ == never) missingSince_ = now;
@@ -275,7 +276,7 @@ void ReplicationSm::startReplication() {
       return;
     }
     SM_TRACE(": Deleting file");
-    replicationCmdIs(Commands::deleteFile(remoteHostsString(), dstPath()));
+    replicationCmdIs(Commands::deleteFile(remoteHostsString(), dstPath(), requesterConfig_->sshOptions()));
   } else {
     // A source we cannot look at may well be there: its copy must not be
     // deleted. The run fails as if Replicate had failed.
@@ -446,7 +447,7 @@ void ReplicationSm::deleteFile() {
   KEL_TRACE(3, __PRETTY_FUNCTION__ << ": ");
   if (!Utils::missing(Utils::statError(path()))) return;
   // Fire and forget: the child is not watched and no status is written.
-  Commands::deleteFile(remoteHostsString(), dstPath());
+  Commands::deleteFile(remoteHostsString(), dstPath(), requesterConfig_->sshOptions());
 }
 
 Kel::NamedOperations<ReplicationSm> const& ReplicationSm::operations() {

@@ -31,6 +31,9 @@ struct RequesterSettings {
   // runs alone.
   std::uint32_t maxFilesPerRun = 2500;
   double deleteDelay = 0.2;
+  // The arguments for ssh from the ssh settings, each word quoted where
+  // Replicate's word splitter would misread it; empty: none.
+  std::string sshOptions;
   std::vector<FileSettings> files;
   bool operator==(RequesterSettings const&) const = default;
 };

@@ -23,6 +23,7 @@ void scalarsIs(RequesterConfig& rc, RequesterSettings const& s) {
   rc.remoteHostReplicationDelayIs(s.remoteHostReplicationDelay);
   rc.maxFilesPerRunIs(s.maxFilesPerRun);
   rc.deleteDelayIs(s.deleteDelay);
+  rc.sshOptionsIs(s.sshOptions);
 }
 
 // New hosts go in before gone ones come out: a requester that swaps its only

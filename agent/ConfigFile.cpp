@@ -12,10 +12,12 @@
 #include <cstdio>
 #include <optional>
 #include <span>
+#include <stdexcept>
 #include <string_view>
 #include <unordered_map>
 
 #include "FileReplication/FileReplicationUtils.h"
+#include "tools/Replicate/HostAddress.h"
 
 namespace Agent {
 
@@ -28,10 +30,11 @@ using Keys = std::span<std::string_view const>;
 // (or /dev/zero) and is not read whole into memory.
 constexpr std::size_t maxFileSize = 16 << 20;
 
-constexpr std::string_view topLevelKeys[] = {"maxConcurrentReplications", "requesters"};
+constexpr std::string_view topLevelKeys[] = {"maxConcurrentReplications", "ssh", "requesters"};
 constexpr std::string_view requesterKeys[] = {"mode",
                                               "enabled",
                                               "remoteHosts",
+                                              "ssh",
                                               "period",
                                               "replicationTimeout",
                                               "retryInterval",
@@ -41,6 +44,16 @@ constexpr std::string_view requesterKeys[] = {"mode",
                                               "deleteDelay",
                                               "files"};
 constexpr std::string_view fileKeys[] = {"path", "dstPath", "rsyncOptions"};
+constexpr std::string_view sshKeys[] = {"port", "user", "identityFile", "options"};
+
+// What an ssh mapping gives; a requester's replaces the top-level one key by
+// key, so that one requester can change the port and keep the shared key.
+struct SshSettings {
+  std::optional<int> port;
+  std::optional<std::string> user;
+  std::optional<std::string> identityFile;
+  std::optional<std::vector<std::string>> options;
+};
 
 struct TimeSetting {
   std::string_view key;
@@ -57,10 +70,6 @@ constexpr TimeSetting timeSettings[] = {
     {"remoteHostReplicationDelay", &RequesterSettings::remoteHostReplicationDelay, true},
     {"deleteDelay", &RequesterSettings::deleteDelay, true},
 };
-
-// Hosts are joined with ',' for Replicate, and a host name that a shell or
-// ssh could read as something else is refused before it gets anywhere.
-constexpr std::string_view shellMetacharacters = "|&;<>()$`\\\"'*?{}!#~";
 
 std::string describeErrno(int error) {
   char buffer[256];
@@ -140,19 +149,104 @@ bool isRequesterName(std::string_view name) {
   return true;
 }
 
-// Why host cannot be handed to Replicate, or nothing.
-std::optional<std::string> hostProblem(std::string_view host) {
-  if (host.empty()) return "is empty";
-  if (host.front() == '-') return "starts with '-', which ssh and rsync would take for an option";
-  for (char c : host) {
-    auto const u = static_cast<unsigned char>(c);
-    if (u <= 0x20 || u == 0x7f) return "contains whitespace or a control character";
-    if (c == ',') return "contains ',', which separates hosts";
-    if (shellMetacharacters.find(c) != std::string_view::npos) {
-      return std::string("contains the shell metacharacter '") + c + "'";
+// Replicate refuses the host with its own reason; this adds what was likely
+// meant, for the mistakes that look right to whoever wrote them.
+std::string hostHint(std::string_view text) {
+  std::string const expected =
+      "expected host, user@host, an IPv4 address, or an IPv6 address bare or in brackets (::1, [::1], user@[::1])";
+  if (text.find("://") != std::string_view::npos) return "a host is written alone, not as a URL; " + expected;
+  if (text.find(',') != std::string_view::npos) return "list each host as its own item: [host1, host2]";
+  std::size_t const at = text.find('@');
+  std::string_view const machine = at == std::string_view::npos ? text : text.substr(at + 1);
+  if (at != std::string_view::npos && text.substr(0, at).find(':') != std::string_view::npos) {
+    return "a password cannot be given; log in with a key, ssh: {identityFile: /path/to/key}";
+  }
+  std::size_t const colon = machine.rfind(':');
+  bool const bracketed = machine.starts_with('[');
+  // One colon cannot be IPv6, nor can a colon after the closing bracket.
+  if (colon != std::string_view::npos &&
+      (bracketed ? colon > 0 && machine[colon - 1] == ']' : machine.find(':') == colon)) {
+    std::string_view const after = machine.substr(colon + 1);
+    if (!after.empty() && after.find_first_not_of("0123456789") == std::string_view::npos) {
+      return "a port belongs in ssh: {port: " + std::string(after) + "}";
+    }
+    return "a destination path belongs in the file's dstPath, not in the host";
+  }
+  if (machine.find('/') != std::string_view::npos) {
+    return "a destination path belongs in the file's dstPath, not in the host";
+  }
+  if (bracketed && machine.find(':') == std::string_view::npos) {
+    return "brackets are only for IPv6 addresses; write a host name without them";
+  }
+  return expected;
+}
+
+// Replicate reads the ssh options as words the way a shell would, without
+// expanding anything, so a word needs quotes only where it holds something
+// that splits or quotes.
+std::string shellWord(std::string_view word) {
+  constexpr std::string_view plainPunctuation = "-_./=:,@%+";
+  bool plain = !word.empty();
+  for (char c : word) {
+    bool const alnum = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+    if (!alnum && plainPunctuation.find(c) == std::string_view::npos) plain = false;
+  }
+  if (plain) return std::string(word);
+  std::string q = "'";
+  for (char c : word) {
+    if (c == '\'') {
+      q += "'\\''";
+    } else {
+      q += c;
     }
   }
-  return std::nullopt;
+  return q + "'";
+}
+
+std::string sshArguments(SshSettings const& ssh) {
+  std::vector<std::string> words;
+  if (ssh.port) words.insert(words.end(), {"-p", std::to_string(*ssh.port)});
+  if (ssh.user) words.insert(words.end(), {"-l", *ssh.user});
+  if (ssh.identityFile) words.insert(words.end(), {"-i", *ssh.identityFile});
+  if (ssh.options) {
+    for (auto const& option : *ssh.options) words.insert(words.end(), {"-o", option});
+  }
+  std::string arguments;
+  for (auto const& word : words) {
+    if (!arguments.empty()) arguments += ' ';
+    arguments += shellWord(word);
+  }
+  return arguments;
+}
+
+SshSettings merged(SshSettings const& base, SshSettings const& over) {
+  SshSettings m = base;
+  if (over.port) m.port = over.port;
+  if (over.user) m.user = over.user;
+  if (over.identityFile) m.identityFile = over.identityFile;
+  if (over.options) m.options = over.options;
+  return m;
+}
+
+// A user name that ssh takes as one and that cannot pass for an option.
+bool isUserName(std::string_view name) {
+  if (name.empty() || name.front() == '-') return false;
+  for (char c : name) {
+    bool const ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+                    c == '_' || c == '-';
+    if (!ok) return false;
+  }
+  return true;
+}
+
+// Key=Value as ssh -o takes it: a line of its configuration file.
+bool isSshOption(std::string_view option) {
+  std::size_t const equals = option.find('=');
+  if (equals == 0 || equals == std::string_view::npos || equals + 1 == option.size()) return false;
+  for (char c : option.substr(0, equals)) {
+    if (!((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'))) return false;
+  }
+  return option.find_first_of("\r\n") == std::string_view::npos;
 }
 
 // One name per file: "/a//b" or "/a/./b" would be a second entry, and a
@@ -194,6 +288,9 @@ class Parser {
   void parseRequester(std::string const& name, YAML::Node const& key, YAML::Node const& settings);
   void parseSeconds(YAML::Node const& value, YAML::Mark const& at, TimeSetting const& setting, RequesterSettings& r);
   void parseRemoteHosts(YAML::Node const& hosts, YAML::Mark const& at, RequesterSettings& r);
+  SshSettings parseSsh(YAML::Node const& ssh, YAML::Mark const& at);
+  void parseSshOptions(YAML::Node const& options, YAML::Mark const& at, SshSettings& ssh);
+  void checkIdentityFile(std::string const& path, YAML::Mark const& at);
   void parseFiles(YAML::Node const& files, YAML::Mark const& at, RequesterSettings& r, std::vector<FileSite>& sites);
   std::optional<std::string> parsePath(YAML::Node const& value, YAML::Mark const& at, std::string const& key,
                                        bool plain);
@@ -202,6 +299,11 @@ class Parser {
 
   std::string const& fileName_;
   ParsedConfig result_;
+  // The top level may give ssh after the requesters, so each requester's own
+  // settings wait here, in the order of result_.config.requesters, until the
+  // whole file is read.
+  SshSettings topSsh_;
+  std::vector<SshSettings> requesterSsh_;
 };
 
 ParsedConfig Parser::parse(std::string const& text) {
@@ -211,6 +313,9 @@ ParsedConfig Parser::parse(std::string const& text) {
       error(YAML::Mark(), "the file is empty; expected a mapping with the keys " + joined(topLevelKeys));
     } else {
       parseTop(documents[0]);
+      for (std::size_t i = 0; i < requesterSsh_.size(); ++i) {
+        result_.config.requesters[i].sshOptions = sshArguments(merged(topSsh_, requesterSsh_[i]));
+      }
       if (documents.size() > 1) error(documents[1].Mark(), "the file holds a second document; expected one document");
     }
   } catch (YAML::Exception const& e) {
@@ -276,6 +381,8 @@ void Parser::parseTop(YAML::Node const& top) {
       } else {
         error(at, key + " is " + describe(value) + "; expected a whole number >= 0 (0 for no limit)");
       }
+    } else if (key == "ssh") {
+      topSsh_ = parseSsh(value, at);
     } else if (key == "requesters") {
       parseRequesters(value, at);
     } else {
@@ -310,6 +417,7 @@ void Parser::parseRequester(std::string const& name, YAML::Node const& key, YAML
   }
   RequesterSettings r;
   r.name = name;
+  SshSettings ssh;
   bool hasMode = false;
   bool modeValid = false;
   std::vector<FileSite> sites;
@@ -332,6 +440,8 @@ void Parser::parseRequester(std::string const& name, YAML::Node const& key, YAML
       }
     } else if (k == "remoteHosts") {
       parseRemoteHosts(value, at, r);
+    } else if (k == "ssh") {
+      ssh = parseSsh(value, at);
     } else if (k == "files") {
       parseFiles(value, at, r, sites);
     } else if (k == "syncErrorThreshold") {
@@ -365,6 +475,7 @@ void Parser::parseRequester(std::string const& name, YAML::Node const& key, YAML
     if (r.remoteHosts.empty()) checkCopiedOntoItself(r.files[i], sites[i].mark);
   }
   result_.config.requesters.push_back(std::move(r));
+  requesterSsh_.push_back(std::move(ssh));
 }
 
 void Parser::parseSeconds(YAML::Node const& value, YAML::Mark const& at, TimeSetting const& setting,
@@ -396,8 +507,11 @@ void Parser::parseRemoteHosts(YAML::Node const& hosts, YAML::Mark const& at, Req
       continue;
     }
     std::string const& text = host.Scalar();
-    if (auto const problem = hostProblem(text)) {
-      error(hostAt, "remote host " + quoted(text) + " " + *problem + "; expected a host name or address");
+    // Replicate's own grammar: what passes here is what every run accepts.
+    try {
+      Replicate::HostAddress::parse(text);
+    } catch (std::invalid_argument const& e) {
+      error(hostAt, e.what() + ("; " + hostHint(text)));
       continue;
     }
     auto const [first, isNew] = firstLine.emplace(text, hostAt.line + 1);
@@ -407,6 +521,80 @@ void Parser::parseRemoteHosts(YAML::Node const& hosts, YAML::Mark const& at, Req
       continue;
     }
     r.remoteHosts.push_back(text);
+  }
+}
+
+SshSettings Parser::parseSsh(YAML::Node const& ssh, YAML::Mark const& at) {
+  SshSettings settings;
+  if (ssh.IsNull()) return settings;
+  if (!ssh.IsMap()) {
+    error(at, "ssh is " + describe(ssh) + "; expected a mapping with the keys " + joined(sshKeys));
+    return settings;
+  }
+  forEachEntry(ssh, [&](std::string const& k, YAML::Node const& keyNode, YAML::Node const& value) {
+    YAML::Mark const valueAt = markOf(value, keyNode);
+    if (k == "port") {
+      auto const port = readNumber<int>(value);
+      if (port && *port >= 1 && *port <= 65535) {
+        settings.port = *port;
+      } else {
+        error(valueAt, k + " is " + describe(value) + "; expected a whole number from 1 to 65535");
+      }
+    } else if (k == "user") {
+      auto user = readText(value);
+      if (user && isUserName(*user)) {
+        settings.user = std::move(*user);
+      } else {
+        error(valueAt, k + " is " + describe(value) +
+                           "; expected a plain user name of letters, digits, '.', '_' or '-', not starting with '-'");
+      }
+    } else if (k == "identityFile") {
+      if (auto path = parsePath(value, valueAt, k, false)) {
+        checkIdentityFile(*path, valueAt);
+        settings.identityFile = std::move(*path);
+      }
+    } else if (k == "options") {
+      parseSshOptions(value, valueAt, settings);
+    } else {
+      unknownKey(keyNode, " in ssh", sshKeys);
+    }
+  });
+  return settings;
+}
+
+void Parser::parseSshOptions(YAML::Node const& options, YAML::Mark const& at, SshSettings& ssh) {
+  // "options:" with nothing under it: none, which also drops the top level's.
+  ssh.options.emplace();
+  if (options.IsNull()) return;
+  if (!options.IsSequence()) {
+    error(at, "options is " + describe(options) +
+                  "; expected a list of ssh options, each Key=Value, like [\"StrictHostKeyChecking=accept-new\"]");
+    return;
+  }
+  for (auto const& option : options) {
+    auto text = readText(option);
+    if (!text || !isSshOption(*text)) {
+      error(option.IsNull() ? at : option.Mark(),
+            "an ssh option is " + describe(option) +
+                "; expected Key=Value on one line, like \"StrictHostKeyChecking=accept-new\"");
+      continue;
+    }
+    ssh.options->push_back(std::move(*text));
+  }
+}
+
+// ssh goes on without a key it cannot read, and the login then fails on
+// every run; the key may well be made after the configuration, so this is
+// not an error.
+void Parser::checkIdentityFile(std::string const& path, YAML::Mark const& at) {
+  struct stat st;
+  if (stat(path.c_str(), &st) == 0) return;
+  int const failure = errno;
+  std::string const why = " (" + describeErrno(failure) + "); ";
+  if (FileReplication::Utils::missing(failure)) {
+    warning(at, "identityFile " + quoted(path) + " does not exist" + why + "ssh cannot log in with it until it does");
+  } else {
+    warning(at, "identityFile " + quoted(path) + " cannot be checked" + why + "ssh may be unable to read it");
   }
 }
 

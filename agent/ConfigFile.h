@@ -25,7 +25,7 @@ struct ParsedConfig {
 // ok cannot trip an assertion of the replication library: modes, names and
 // numbers are within what it takes. A missing directory of an inotify-mode
 // file is only a warning, as seen when the file was read: the library waits
-// for the directory to appear.
+// for the directory to appear. So is a missing ssh identityFile.
 ParsedConfig parseConfigFile(std::string const& path);
 // fileName only names the text in the errors; inotify-mode directories and
 // same-file destinations are still checked on the file system.

@@ -95,6 +95,10 @@ void RequesterConfig::deleteDelayIs(double v) {
   if (Kel::changed(deleteDelay_, v)) notify(&Notifiee::onDeleteDelay);
 }
 
+void RequesterConfig::sshOptionsIs(Kel::String const& v) {
+  if (Kel::changed(sshOptions_, v)) notify(&Notifiee::onSshOptions);
+}
+
 std::ostream& operator<<(std::ostream& o, RequesterConfig::Mode mode) {
   switch (mode) {
     case RequesterConfig::periodic: return o << "periodic";

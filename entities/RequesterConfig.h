@@ -31,6 +31,7 @@ class RequesterConfig : public Kel::Entity {
     virtual void onRemoteHostReplicationDelay() {}
     virtual void onMaxFilesPerRun() {}
     virtual void onDeleteDelay() {}
+    virtual void onSshOptions() {}
   };
   using Notifiee = NotifieeConst;
 
@@ -85,6 +86,11 @@ class RequesterConfig : public Kel::Entity {
   // a rename-based save leaves the name missing for a moment. 0: at once.
   double deleteDelay() const { return deleteDelay_; }
   void deleteDelayIs(double v);
+  // Arguments for ssh, one text that Replicate splits into words like a
+  // shell, without expanding anything; empty: ssh's own defaults. Read on
+  // every run, so a change reaches the next run without restarting any.
+  Kel::String const& sshOptions() const { return sshOptions_; }
+  void sshOptionsIs(Kel::String const& v);
 
  protected:
   RequesterConfig(Kel::Name name, Mode mode) : name_(name), mode_(mode) {}
@@ -102,6 +108,7 @@ class RequesterConfig : public Kel::Entity {
   double remoteHostReplicationDelay_ = 5;
   std::uint32_t maxFilesPerRun_ = 1;
   double deleteDelay_ = 0.2;
+  Kel::String sshOptions_;
 };
 
 std::ostream& operator<<(std::ostream& o, RequesterConfig::Mode mode);

@@ -41,6 +41,28 @@ TEST(CommandsTest, ArgumentVectorsKeepEachValueWhole) {
   EXPECT_EQ((Argv{"Replicate", "--cmd", "deleteFile", "--target", "/t"}), children.child(4).argv);
 }
 
+TEST(CommandsTest, SshOptionsGoWholeToReplicateOnlyWithRemoteHosts) {
+  Kel::ScriptedChildren children;
+  std::string const ssh = "-p 2222 -i '/etc/file rep/key'";
+  Commands::rsyncFile("h1,h2", "/s", "/t", "-a", 1, ssh);
+  Commands::rsyncFile("", "/s", "/t", "-a", 1, ssh);
+  Commands::rsyncFile("h1", "/s", "/t", "-a", 1, "");
+  Commands::deleteFile("h1", "/t", ssh);
+  Commands::deleteFile("", "/t", ssh);
+  ASSERT_EQ(5u, children.launches());
+  EXPECT_EQ((Argv{"Replicate", "--cmd", "rsyncFile", "--remoteHosts", "h1,h2", "--sshOptions", ssh, "--source", "/s",
+                  "--target", "/t", "--rsyncOptions", "-a"}),
+            children.child(0).argv);
+  EXPECT_EQ((Argv{"Replicate", "--cmd", "rsyncFile", "--source", "/s", "--target", "/t", "--rsyncOptions", "-a"}),
+            children.child(1).argv);
+  EXPECT_EQ((Argv{"Replicate", "--cmd", "rsyncFile", "--remoteHosts", "h1", "--source", "/s", "--target", "/t",
+                  "--rsyncOptions", "-a"}),
+            children.child(2).argv);
+  EXPECT_EQ((Argv{"Replicate", "--cmd", "deleteFile", "--remoteHosts", "h1", "--sshOptions", ssh, "--target", "/t"}),
+            children.child(3).argv);
+  EXPECT_EQ((Argv{"Replicate", "--cmd", "deleteFile", "--target", "/t"}), children.child(4).argv);
+}
+
 TEST(CommandsTest, TracesNameTheRequest) {
   Kel::ScriptedChildren children;
   Kel::TraceCapture trace("FileReplicationUtils");

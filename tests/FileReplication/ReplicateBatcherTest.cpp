@@ -11,9 +11,10 @@ using Argv = std::vector<std::string>;
 using End = Kel::ChildBatcher::End;
 
 Argv copyArgv(std::string const& source, std::string const& target, std::string const& options = "-a",
-              std::string const& hosts = "h1") {
+              std::string const& hosts = "h1", std::string const& ssh = "") {
   Argv argv = {"Replicate", "--cmd", "rsyncFile"};
   if (!hosts.empty()) argv.insert(argv.end(), {"--remoteHosts", hosts});
+  if (!ssh.empty()) argv.insert(argv.end(), {"--sshOptions", ssh});
   argv.insert(argv.end(), {"--source", source, "--target", target, "--rsyncOptions", options});
   return argv;
 }
@@ -45,13 +46,23 @@ TEST(ReplicateBatcherTest, FilesShareARunOnlyWhenTheirPathsSplitAlikeAndNothingC
   EXPECT_EQ((Argv{"Replicate", "--cmd", "rsyncFiles", "--source", "/", "--target", "/", "--rsyncOptions", "-az"}),
             local.argv);
   EXPECT_EQ(std::string("etc/x\0etc/y/z\0", 14), local.input);
+  auto const ssh = carrierOf(copyArgv("/s/x", "/d/x", "-a", "h1", "-p 2222"),
+                             copyArgv("/s/y", "/d/y", "-a", "h1", "-p 2222"));
+  EXPECT_EQ((Argv{"Replicate", "--cmd", "rsyncFiles", "--remoteHosts", "h1", "--sshOptions", "-p 2222", "--source",
+                  "/s", "--target", "/d", "--rsyncOptions", "-a"}),
+            ssh.argv);
 
   std::string const shared = key(copyArgv("/srv/a/x", "/backup/a/x"));
   EXPECT_EQ(shared, key(copyArgv("/srv/x", "/backup/x")));
-  for (auto const& apart : {copyArgv("/srv/a/x", "/backup/b/x"), copyArgv("/srv/a/x", "/backup/a/x", "-az"),
-                            copyArgv("/srv/a/x", "/backup/a/x", "-a", "h2"), copyArgv("/srv/a/x", "/backup/a/x", "-a", "")}) {
+  std::string const sharedSsh = key(copyArgv("/srv/a/x", "/backup/a/x", "-a", "h1", "-p 2222"));
+  EXPECT_EQ(sharedSsh, key(copyArgv("/srv/y", "/backup/y", "-a", "h1", "-p 2222")));
+  for (auto const& apart :
+       {copyArgv("/srv/a/x", "/backup/b/x"), copyArgv("/srv/a/x", "/backup/a/x", "-az"),
+        copyArgv("/srv/a/x", "/backup/a/x", "-a", "h2"), copyArgv("/srv/a/x", "/backup/a/x", "-a", ""),
+        copyArgv("/srv/a/x", "/backup/a/x", "-a", "h1", "-p 2222")}) {
     EXPECT_NE(shared, key(apart)) << apart[5];
   }
+  EXPECT_NE(sharedSsh, key(copyArgv("/srv/a/x", "/backup/a/x", "-a", "h1", "-p 2223")));
   for (auto const& alone : {copyArgv("/srv/x", "/backup/y"), copyArgv("/srv/x", "x"), copyArgv("/srv/x", "/srv/x/"),
                             copyArgv("/srv/./x", "/b/./x"), copyArgv("/srv/../x", "/b/../x"),
                             copyArgv("/s/x", "/d/x", "-a --no-relative"), copyArgv("/s/x", "/d/x", "-av0"),

@@ -69,6 +69,7 @@ RequesterSettings web() {
   r.name = "web";
   r.remoteHosts = {"h1", "h2"};
   r.period = 30;
+  r.sshOptions = "-p 2222";
   r.files = {{"/srv/a", "/dst/a", "-a"}, {"/srv/b", "/srv/b", "-a"}};
   return r;
 }
@@ -108,6 +109,7 @@ TEST_F(ConfigApplierTest, BuildsEachNewRequesterCompleteBeforeInsertingIt) {
   EXPECT_TRUE(w->enabled());
   EXPECT_EQ(30, w->period());
   EXPECT_EQ(Kel::String("h1,h2"), w->remoteHostsString());
+  EXPECT_EQ(Kel::String("-p 2222"), w->sshOptions());
   ASSERT_EQ(2u, w->files());
   EXPECT_EQ(Kel::String("/dst/a"), w->file("/srv/a")->dstPath());
   EXPECT_EQ(Kel::String("-a"), w->file("/srv/b")->rsyncOptions());
@@ -138,8 +140,9 @@ TEST_F(ConfigApplierTest, ReapplyingChangesOnlyWhatDiffers) {
 
   auto changed = web();
   changed.period = 45;
+  changed.sshOptions = "-p 22";
   apply(configOf({changed, other}));
-  EXPECT_EQ(Lines{"web period"}, log_->take());
+  EXPECT_EQ((Lines{"web period", "web sshOptions -p 22"}), log_->take());
 
   // Hosts: the new one goes in before the gone one comes out.
   changed.remoteHosts = {"h2", "h3"};
@@ -265,15 +268,18 @@ class ConfigApplierIntegration : public FileReplication::SmTest {
     r.files = {{path("a"), "/dst/a", "-a"}, {path("b"), "/dst/b", "-a"}};
     return r;
   }
-  // The files of the launches from index first on, with their options.
+  // The files of the launches from index first on, with their options and
+  // any ssh options.
   Lines runs(std::size_t first) const {
     Lines seen;
     for (std::size_t i = first; i < children_.launches(); ++i) {
       auto const& argv = children_.child(i).argv;
       auto const source = std::find(argv.begin(), argv.end(), "--source");
       auto const options = std::find(argv.begin(), argv.end(), "--rsyncOptions");
+      auto const ssh = std::find(argv.begin(), argv.end(), "--sshOptions");
       if (source == argv.end() || options == argv.end()) continue;
-      seen.push_back(source[1].substr(dir_.path().size()) + " " + options[1]);
+      seen.push_back(source[1].substr(dir_.path().size()) + " " + options[1] +
+                     (ssh == argv.end() ? "" : " " + ssh[1]));
     }
     return seen;
   }
@@ -291,11 +297,16 @@ TEST_F(ConfigApplierIntegration, ReapplyingRestartsNothingAndNewOptionsReachTheN
 
   EXPECT_EQ(Lines{}, applyConfig(wanted, *config_));
   wanted.requesters[0].files[0].rsyncOptions = "-az";
+  wanted.requesters[0].sshOptions = "-p 2222";
   EXPECT_EQ(Lines{}, applyConfig(wanted, *config_));
   EXPECT_EQ(2u, children_.launches()) << "neither the same settings nor new options start a run";
 
   clock()->advance(60);
-  EXPECT_EQ((Lines{"/a -az", "/b -a"}), runs(2)) << "the period's run uses the new options";
+  EXPECT_EQ((Lines{"/a -az -p 2222", "/b -a -p 2222"}), runs(2)) << "the period's run uses the new options";
+  wanted.requesters[0].sshOptions = "";
+  applyConfig(wanted, *config_);
+  ASSERT_EQ(4u, children_.launches());
+  for (std::size_t i : {2, 3}) EXPECT_EQ(std::vector<int>{}, children_.child(i).signals) << "runs under way go on";
   endRunning();
 
   // A file removed while the requester is disabled must not come back

@@ -24,6 +24,9 @@ TEST(EntitiesTest, RequesterConfigNotifiesEachRealChangeOnce) {
   rc->retryIntervalIs(2);
   rc->syncErrorThresholdIs(7);
   rc->remoteHostReplicationDelayIs(1);
+  rc->sshOptionsIs("");  // the default: no change
+  rc->sshOptionsIs("-p 2222");
+  rc->sshOptionsIs("-p 2222");
   auto f = rc->newFile("/a", "/b", "-a");
   rc->fileIs(f);  // the same entity again
   rc->newFile("/c", "/c", "");
@@ -36,7 +39,7 @@ TEST(EntitiesTest, RequesterConfigNotifiesEachRealChangeOnce) {
   rc->remoteHostDelAll();
   rc->fileDelAll();
   EXPECT_EQ((std::vector<std::string>{"r enabled", "r period", "r replicationTimeout", "r retryInterval",
-                                      "r syncErrorThreshold", "r remoteHostReplicationDelay", "r file /a", "r file /c",
+                                      "r syncErrorThreshold", "r remoteHostReplicationDelay", "r sshOptions -p 2222", "r file /a", "r file /c",
                                       "r file /a", "r host h1", "r host h2", "r host h1", "r hosts", "r files"}),
             log);
   EXPECT_EQ(0u, rc->files());

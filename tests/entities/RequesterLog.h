@@ -22,6 +22,7 @@ class RequesterLog : public RequesterConfig::NotifieeConst {
   void onRetryInterval() override { add("retryInterval"); }
   void onSyncErrorThreshold() override { add("syncErrorThreshold"); }
   void onRemoteHostReplicationDelay() override { add("remoteHostReplicationDelay"); }
+  void onSshOptions() override { add("sshOptions " + notifier()->sshOptions().str()); }
 
  private:
   void add(std::string const& what) { log_.push_back(notifier()->name().str() + " " + what); }
