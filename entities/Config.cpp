@@ -36,6 +36,8 @@ void Config::requesterDelAll() {
   if (requester_.empty()) return;
   RequesterCollection removed;
   std::swap(removed, requester_);
+  // Each requester's machine goes with it, as for requesterDel.
+  for (auto const& [name, r] : removed) notify<Notifiee>(&Notifiee::onRequester, name);
   notify<Notifiee>(&Notifiee::onRequester);
 }
 

@@ -39,6 +39,9 @@ void RequesterConfig::fileDelAll() {
   if (file_.empty()) return;
   FileCollection removed;
   std::swap(removed, file_);
+  // Machines act on each file that went; the whole collection's notice
+  // alone would leave them running on removed configuration.
+  for (auto const& [path, f] : removed) notify<Notifiee>(&Notifiee::onFile, path);
   notify<Notifiee>(&Notifiee::onFile);
 }
 
@@ -47,7 +50,9 @@ void RequesterConfig::remoteHostIs(Kel::String const& hostOrIp) {
 }
 
 void RequesterConfig::remoteHostDel(Kel::String const& hostOrIp) {
-  if (remoteHost_.erase(hostOrIp)) notify<Notifiee>(&Notifiee::onRemoteHost, hostOrIp);
+  // A copy: the caller may pass the entry's own key, which the erase frees.
+  Kel::String const key = hostOrIp;
+  if (remoteHost_.erase(key)) notify<Notifiee>(&Notifiee::onRemoteHost, key);
 }
 
 void RequesterConfig::remoteHostDelAll() {

@@ -100,6 +100,12 @@ TEST_F(ConfigSmTest, RequestersOfBothModesComeAndGoWithTheirStatus) {
   EXPECT_EQ(0u, d->reactors());
   EXPECT_EQ(1u, sm_->requesterConfigSm().size());
   EXPECT_EQ(1u, status_->requesters());
+
+  // All at once: every machine goes, and the name can come back.
+  config_->requesterDelAll();
+  EXPECT_EQ(0u, sm_->requesterConfigSm().size());
+  config_->requesterIs(requester("q", RequesterConfig::periodic));
+  EXPECT_TRUE(Kel::ptr_cast<PeriodicRequesterConfigSm>(sm_->requesterConfigSm("q")));
 }
 
 TEST_F(ConfigSmTest, ALeftOverRequesterStatusIsReusedAsItStands) {
