@@ -19,6 +19,7 @@
 #include "agent/ConfigApplier.h"
 #include "agent/ConfigFile.h"
 #include "agent/ControlServer.h"
+#include "agent/HostStates.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/ChildManager.h"
 #include "runtime/FileDescriptor.h"
@@ -80,6 +81,16 @@ std::string stateText(ReplicationSm::State state) {
   std::ostringstream text;
   text << state;
   return text.str();
+}
+
+nlohmann::json hostStatus(HostStates::Host const& host) {
+  static char const* const states[] = {"unknown", "up", "down"};
+  auto const seconds = [](double t) { return t > 0 ? nlohmann::json(t) : nlohmann::json(nullptr); };
+  nlohmann::json status = {{"state", states[int(host.state)]},
+                           {"since", host.state == HostStates::State::unknown ? nullptr : seconds(host.since)},
+                           {"lastSuccess", seconds(host.lastSuccess)}};
+  if (!host.error.empty()) status["lastError"] = host.error;
+  return status;
 }
 
 nlohmann::json error(std::string message) { return {{"ok", false}, {"error", std::move(message)}}; }
@@ -178,6 +189,17 @@ Agent::Agent(Options options) : options_(std::move(options)) {
   status_ = FileReplication::Status::StatusIs();
   configSm_ = FileReplication::configSmFactory(config_, status_);
   apply(parsed.config);
+  try {
+    hostStates_ = std::make_unique<HostStates>(config_, HostStates::Hooks{say, [this](Kel::Name requester) {
+                                                 if (auto sm = configSm_->requesterConfigSm(requester)) {
+                                                   FileReplication::RequesterConfigSmBase::operations().invoke(
+                                                       *sm, "replicateFiles");
+                                                 }
+                                               }});
+  } catch (std::runtime_error const& e) {
+    // Replication goes on; only the hosts' states are not known.
+    say(std::string("the states of remote hosts cannot be followed: ") + e.what());
+  }
 
   std::filesystem::path const configPath = std::filesystem::absolute(options_.configPath);
   reloadTimer_ = new ReloadTimer(this);
@@ -188,6 +210,7 @@ Agent::Agent(Options options) : options_(std::move(options)) {
 
 Agent::~Agent() {
   watcher_.reset();
+  hostStates_.reset();
   if (reloadTimer_) reloadTimer_->notifierIs(nullptr);
   // The machines go first: running children are killed and every status
   // is final before anything else is released.
@@ -211,19 +234,21 @@ void Agent::stop() { Kel::activityManager()->loop().stop(); }
 
 bool Agent::reload() {
   ParsedConfig parsed = parseConfigFile(options_.configPath);
-  if (!parsed.ok()) {
+  bool const valid = parsed.ok();
+  if (!valid) {
     say("the new configuration is not valid; the running one stays as it was:");
     for (auto const& e : parsed.errors) std::cerr << e << std::endl;
-    return false;
+  } else {
+    for (auto const& w : parsed.warnings) say("warning: " + w);
+    apply(parsed.config);
   }
-  for (auto const& w : parsed.warnings) say("warning: " + w);
-  apply(parsed.config);
-  return true;
+  return valid;
 }
 
 void Agent::apply(AgentConfig const& settings) {
   Kel::activityManager()->children().maxRunningIs(settings.maxConcurrentReplications);
   for (auto const& line : applyConfig(settings, *config_)) say(line);
+  if (hostStates_) hostStates_->configChanged();
 }
 
 void Agent::reloadSoon() { reloadTimer_->timeMinIs(Kel::now() + reloadDelay); }
@@ -254,6 +279,11 @@ nlohmann::json Agent::status() const {
         {"overflows", rs ? rs->overflows() : 0},
         {"files", std::move(files)}};
     if (auto unwatched = unwatchedDirectories(sm.ptr()); !unwatched.empty()) requester["unwatched"] = unwatched;
+    nlohmann::json hosts = nlohmann::json::object();
+    for (auto const& [text, host] : rc->remoteHost()) {
+      hosts[text.str()] = hostStatus(hostStates_ ? hostStates_->host(text.str()) : HostStates::Host());
+    }
+    requester["hosts"] = std::move(hosts);
     requesters[name.str()] = std::move(requester);
   }
   return {{"requesters", std::move(requesters)}};

@@ -14,6 +14,7 @@
 namespace Agent {
 
 class ControlServer;
+class HostStates;
 
 // The running agent: owns the configuration and status trees and the root
 // machine over them, reloads the configuration file on SIGHUP and whenever
@@ -69,6 +70,8 @@ class Agent {
   Kel::Ptr<SignalReactor> signals_;
   std::unique_ptr<ConfigFileWatcher> watcher_;
   Kel::Ptr<ReloadTimer> reloadTimer_;
+  // Null when Replicate's control directory cannot be used.
+  std::unique_ptr<HostStates> hostStates_;
 };
 
 // Makes sure a Replicate program can be found: PATH is left exactly as it is

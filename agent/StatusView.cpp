@@ -58,13 +58,13 @@ std::size_t displayWidth(std::string_view text) {
       std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; }));
 }
 
-std::string localTime(double t) {
+// Within the year 9999 and not negative, or "invalid time".
+std::string timeText(double t, char const* format = "%Y-%m-%d %H:%M:%S") {
+  if (!(t >= 0 && t < latestTime)) return "invalid time";
   auto const seconds = static_cast<time_t>(std::floor(t));
   tm local{};
   char text[32];
-  if (!localtime_r(&seconds, &local) || strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local) == 0) {
-    return "invalid time";
-  }
+  if (!localtime_r(&seconds, &local) || strftime(text, sizeof text, format, &local) == 0) return "invalid time";
   return text;
 }
 
@@ -100,14 +100,38 @@ Row fileRow(std::string const& path, nlohmann::json const& file, std::string con
           escaped(state.get_ref<std::string const&>()), "never", ""};
   if (last.is_number()) {
     double const t = last.get<double>();
-    if (t >= 0 && t < latestTime) {
-      row[3] = localTime(t);
-      row[4] = age(now - t);
-    } else {
-      row[3] = "invalid time";
-    }
+    row[3] = timeText(t);
+    if (row[3] != "invalid time") row[4] = age(now - t);
   }
   return row;
+}
+
+// The time of day alone when it is on the day of now.
+std::string shortTime(double t, double now) {
+  std::string const day = timeText(t, "%Y-%m-%d");
+  return day != "invalid time" && day == timeText(now, "%Y-%m-%d") ? timeText(t, "%H:%M:%S") : timeText(t);
+}
+
+std::string hostLine(std::string const& name, nlohmann::json const& host, std::string const& where, double now) {
+  if (!host.is_object()) malformed(where, "hosts", "an object of objects");
+  nlohmann::json const& state = field(host, "state");
+  nlohmann::json const& since = field(host, "since");
+  nlohmann::json const& lastSuccess = field(host, "lastSuccess");
+  nlohmann::json const& lastError = field(host, "lastError");
+  std::string const at = where + " host \"" + escaped(name) + "\"";
+  if (!state.is_string()) malformed(at, "state", "a string");
+  if (!since.is_number() && !since.is_null()) malformed(at, "since", "a number or null");
+  if (!lastSuccess.is_number() && !lastSuccess.is_null()) malformed(at, "lastSuccess", "a number or null");
+  if (!lastError.is_string() && !lastError.is_null()) malformed(at, "lastError", "a string");
+  std::string const& stateName = state.get_ref<std::string const&>();
+  std::string line = "  host " + escaped(name) + ": " + escaped(stateName);
+  if (stateName == "down") {
+    if (since.is_number()) line += " since " + timeText(since.get<double>());
+    if (lastError.is_string()) line += " — " + escaped(lastError.get_ref<std::string const&>());
+  } else if (stateName == "up" && lastSuccess.is_number()) {
+    line += ", last success " + shortTime(lastSuccess.get<double>(), now);
+  }
+  return line;
 }
 
 void appendRow(std::string& out, Row const& row, std::array<std::size_t, columns> const& widths) {
@@ -153,6 +177,10 @@ std::string statusTable(nlohmann::json const& status, double now) {
       if (!why.is_string()) malformed(where, "unwatched", "an object of strings");
       header += "\n  not watched: " + escaped(dir) + ": " + escaped(why.get_ref<std::string const&>());
     }
+    // What Replicate last found of each remote host.
+    nlohmann::json const& hosts = field(requester, "hosts");
+    if (!hosts.is_null() && !hosts.is_object()) malformed(where, "hosts", "an object");
+    for (auto const& [host, state] : hosts.items()) header += "\n" + hostLine(host, state, where, now);
     std::vector<Row> rows;
     rows.reserve(files.size());
     for (auto const& [path, file] : files.items()) {

@@ -48,5 +48,10 @@ void expiryBench(Options const& options, Report& report);
 void latencyBench(Options const& options, Report& report);
 void rsyncStormBench(Options const& options, Report& report);
 void renameSaveBench(Options const& options, Report& report);
+// The same over ssh to a test sshd: a dead host beside a live one, the
+// port and key in the agent's settings, many hosts.
+void deadHostBench(Options const& options, Report& report);
+void sshCustomBench(Options const& options, Report& report);
+void manyHostsBench(Options const& options, Report& report);
 
 }  // namespace SystemBench

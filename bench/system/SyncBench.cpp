@@ -3,12 +3,9 @@
 // periodic expiry over files that did not change. Each against one rsync
 // of the same files, timed the same way in the same run: this machine is
 // too noisy for figures measured apart.
-#include <unistd.h>
-
 #include <chrono>
 #include <cmath>
 #include <filesystem>
-#include <memory>
 #include <stdexcept>
 #include <thread>
 
@@ -17,9 +14,7 @@
 #include "bench/system/Measure.h"
 #include "bench/system/Processes.h"
 #include "bench/system/Replicas.h"
-#if SYSTEM_BENCH_SSHD
-#include "tests/support/TestSshd.h"
-#endif
+#include "bench/system/SshTarget.h"
 
 namespace SystemBench {
 
@@ -134,49 +129,6 @@ void initialSync(Options const& options, Report& report, std::string const& benc
                            "renamed into place, as inotify on the destination directories sees it");
 }
 
-#if SYSTEM_BENCH_SSHD
-// The test sshd, reached as an operator would set it up: through ssh's own
-// configuration, since RSYNC_RSH would also switch off the connections
-// Replicate shares. ssh reads ~/.ssh/config from the home directory of the
-// passwd entry, whatever $HOME says, so the benchmark's configuration goes
-// in with -F, which a wrapper named ssh first on PATH adds.
-class SshTarget {
- public:
-  explicit SshTarget(Options const& options)
-      // The control socket Replicate makes under XDG_RUNTIME_DIR must fit
-      // in a socket address: a short directory.
-      : directory_("ssh", "/tmp"), program_(programOnPath("ssh", options.path)), config_(directory_ / "ssh_config") {
-    if (program_.empty()) throw std::runtime_error("no ssh on PATH");
-    // client_key in its directory is the key the test sshd lets in.
-    writeFile(config_, "Host 127.0.0.1\n  Port " + std::to_string(sshd_.port()) + "\n  IdentityFile " +
-                           sshd_.directory() + "/client_key\n  IdentitiesOnly yes\n  StrictHostKeyChecking no\n"
-                           "  UserKnownHostsFile /dev/null\n  LogLevel ERROR\n  BatchMode yes\n");
-    env_ = realEnvironment(options,
-                           {"FILEREP_BENCH_SSH_PROGRAM=" + program_, "FILEREP_BENCH_SSH_CONFIG=" + config_,
-                            "XDG_RUNTIME_DIR=" + directory_.path()},
-                           options.sshWrapperDir);
-  }
-  ~SshTarget() {
-    // The connection Replicate shares outlives the agent by a minute.
-    std::string const control = directory_ / ("replicate-" + std::to_string(geteuid()));
-    if (access(control.c_str(), F_OK) == 0) {
-      run({program_, "-F", config_, "-o", "ControlPath=" + control + "/%C", "-O", "exit", "127.0.0.1"}, env_);
-    }
-  }
-  SshTarget(SshTarget const&) = delete;
-  SshTarget& operator=(SshTarget const&) = delete;
-
-  std::vector<std::string> const& environment() const { return env_; }
-
- private:
-  TestSshd sshd_;
-  TempTree directory_;
-  std::string program_;
-  std::string config_;
-  std::vector<std::string> env_;
-};
-#endif
-
 }  // namespace
 
 void syncBench(Options const& options, Report& report) {
@@ -185,19 +137,10 @@ void syncBench(Options const& options, Report& report) {
 }
 
 void sshSyncBench(Options const& options, Report& report) {
-#if SYSTEM_BENCH_SSHD
-  std::unique_ptr<SshTarget> ssh;
-  try {
-    ssh = std::make_unique<SshTarget>(options);
-  } catch (std::exception const& e) {
-    report.noteIs("sshsync", std::string("skipped: no sshd to test with: ") + e.what());
-    return;
-  }
+  auto const ssh = sshTarget(options, report, "sshsync");
+  if (!ssh) return;
   TempTree tree("sshsync");
   initialSync(options, report, "sshsync", tree, {"127.0.0.1", ssh->environment()});
-#else
-  report.noteIs("sshsync", "skipped: built without the tests' support library, which starts the test sshd");
-#endif
 }
 
 void expiryBench(Options const& options, Report& report) {

@@ -27,9 +27,12 @@ int usage(char const* program) {
                "  NAME, with a stand-in Replicate: reaction, scale, storm, idle, endurance\n"
                "  NAME, with the real Replicate, rsync and ssh: sync (initial sync), sshsync (the same over\n"
                "    ssh to a test sshd), expiry (periodic expiry), latency (one edit), rsyncstorm (rewrites),\n"
-               "    renamesave (saves that rename the file away and back)\n"
+               "    renamesave (saves that rename the file away and back), deadhost (one edit with a hung host\n"
+               "    beside the live one), sshcustom (one edit, port and key in the agent's ssh settings),\n"
+               "    manyhosts (one edit to 20 hosts)\n"
                "  --files N        files of sync, sshsync and expiry (10000; quick: 300)\n"
-               "  --samples N      edits of latency (100; quick: 10)\n"
+               "  --samples N      edits of latency, sshcustom, deadhost and manyhosts (100; quick: 10, 10, 5\n"
+               "                   and 3); deadhost stops after 300 s (quick: 3 s) however many it took\n"
                "  --storm-files N  files of rsyncstorm (100; quick: 20)\n"
                "  --rewrites N     rewrites of each of them (1000; quick: 50)\n"
                "  --saves N        saves of renamesave (1000; quick: 20)\n"
@@ -67,7 +70,10 @@ int main(int argc, char** argv) {
       {"expiry", SystemBench::expiryBench},
       {"latency", SystemBench::latencyBench},
       {"rsyncstorm", SystemBench::rsyncStormBench},
-      {"renamesave", SystemBench::renameSaveBench}};
+      {"renamesave", SystemBench::renameSaveBench},
+      {"deadhost", SystemBench::deadHostBench},
+      {"sshcustom", SystemBench::sshCustomBench},
+      {"manyhosts", SystemBench::manyHostsBench}};
   std::map<std::string, int*> const sizes = {{"--files", &options.files},
                                              {"--samples", &options.samples},
                                              {"--storm-files", &options.stormFiles},

@@ -87,6 +87,32 @@ TEST_F(StatusViewTest, EscapesNamesThatCouldBreakTheTable) {
             "  /\xc3\xa9t\xc3\xa9\\u009b    -             queued   never\n");
 }
 
+TEST_F(StatusViewTest, ListsEachHostUnderItsRequester) {
+  json const status = {
+      {"requesters",
+       {{"web",
+         {{"mode", "inotify"},
+          {"enabled", true},
+          {"unwatched", {{"/srv/gone", "missing; watching /srv for it to appear"}}},
+          {"hosts",
+           {{"backup1",
+             {{"state", "down"}, {"since", now - 600}, {"lastSuccess", now - 700}, {"lastError", "no route\x1b"}}},
+            {"backup2", {{"state", "up"}, {"since", now - 86400}, {"lastSuccess", now - 10}}},
+            {"backup3", {{"state", "up"}, {"since", now - 2 * 86400}, {"lastSuccess", now - 86400}}},
+            {"backup4", {{"state", "unknown"}, {"since", nullptr}, {"lastSuccess", nullptr}}}}},
+          {"files", {{"/srv/a", file("synchronized", "standby", now - 12)}}}}}}}};
+  // The time of day alone for a success of today.
+  EXPECT_EQ(Agent::statusTable(status, now),
+            "web: inotify, enabled, 1 file\n"
+            "  not watched: /srv/gone: missing; watching /srv for it to appear\n"
+            "  host backup1: down since 2023-11-14 22:03:20 — no route\\x1b\n"
+            "  host backup2: up, last success 22:13:10\n"
+            "  host backup3: up, last success 2023-11-13 22:13:20\n"
+            "  host backup4: unknown\n"
+            "  PATH    STATUS        STATE    LAST SYNCHRONIZED    AGE\n"
+            "  /srv/a  synchronized  standby  2023-11-14 22:13:08  12s ago\n");
+}
+
 TEST_F(StatusViewTest, RejectsWhatIsNotAStatus) {
   auto const problem = [](json const& status) {
     return whatOf<std::runtime_error>([&] { Agent::statusTable(status, now); });
@@ -101,6 +127,15 @@ TEST_F(StatusViewTest, RejectsWhatIsNotAStatus) {
                              {"enabled", true},
                              {"files", {{"/x", {{"status", nullptr}, {"lastSynchronized", "yesterday"}}}}}}}}}}),
             "malformed status: requester \"r\" file \"/x\" needs \"state\" as a string");
+  auto const withHosts = [](json hosts) {
+    return json{{"requesters",
+                 {{"r", {{"mode", "periodic"}, {"enabled", true}, {"files", json::object()}, {"hosts", hosts}}}}}};
+  };
+  EXPECT_EQ(problem(withHosts(json::array())), "malformed status: requester \"r\" needs \"hosts\" as an object");
+  EXPECT_EQ(problem(withHosts({{"h", {{"state", "down"}, {"since", "today"}}}})),
+            "malformed status: requester \"r\" host \"h\" needs \"since\" as a number or null");
+  EXPECT_EQ(problem(withHosts({{"h", {{"state", "up"}, {"lastError", 3}}}})),
+            "malformed status: requester \"r\" host \"h\" needs \"lastError\" as a string");
 }
 
 }  // namespace

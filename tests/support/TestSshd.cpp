@@ -191,3 +191,10 @@ void TestSshd::stop() {
   pid_ = -1;
   pidFd_ = -1;
 }
+
+void closeSshConnections(std::string const& directory) {
+  std::error_code ignored;
+  for (auto const& entry : std::filesystem::directory_iterator(directory, ignored)) {
+    if (entry.is_socket()) runProcess({"ssh", "-o", "ControlPath=" + entry.path().string(), "-O", "exit", "localhost"});
+  }
+}

@@ -46,3 +46,7 @@ class TestSshd {
   pid_t pid_ = -1;
   int pidFd_ = -1;
 };
+
+// Closes every shared ssh connection whose control socket is in directory,
+// as a network that drops them would.
+void closeSshConnections(std::string const& directory);

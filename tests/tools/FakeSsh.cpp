@@ -6,7 +6,8 @@
 #include <stdexcept>
 
 FakeSsh::FakeSsh(const TempDir& directory)
-    : script_(directory / "fake-ssh"), root_(directory / "hosts"), log_(directory / "ssh.log") {
+    : script_(directory / "fake-ssh"), root_(directory / "hosts"), log_(directory / "ssh.log"), run_(directory / "run") {
+  if (mkdir(run_.c_str(), 0700) != 0) throw std::runtime_error("mkdir " + run_ + " failed");
   // The temporary directory's name needs no quoting inside double quotes.
   writeFile(script_, R"(#!/bin/sh
 user=

@@ -13,8 +13,9 @@ class FakeSsh {
  public:
   explicit FakeSsh(const TempDir& directory);
 
-  // The environment entry that makes Replicate use it.
-  std::string environment() const { return "RSYNC_RSH=" + script_; }
+  // The environment entries that make Replicate use it, with a runtime
+  // directory of its own for the hosts' state.
+  std::vector<std::string> environment() const { return {"RSYNC_RSH=" + script_, "XDG_RUNTIME_DIR=" + run_}; }
   // Where host's files land.
   std::string home(const std::string& host) const { return root_ + "/" + host; }
   // The hosts asked for so far, in order.
@@ -24,4 +25,5 @@ class FakeSsh {
   std::string script_;
   std::string root_;
   std::string log_;
+  std::string run_;
 };

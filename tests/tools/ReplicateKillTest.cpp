@@ -22,7 +22,7 @@ TEST(ReplicateKillIntegration, KilledMidCopyLeavesNoProcessBehind) {
     std::vector<std::string> arguments = copy;
     if (remote) arguments.insert(arguments.end(), {"--remoteHosts", "alpha"});
     arguments.insert(arguments.begin(), REPLICATE_PROGRAM);
-    TestProcess replicate(arguments, {ssh.environment()}, directory.path());
+    TestProcess replicate(arguments, ssh.environment(), directory.path());
     ASSERT_TRUE(replicate.awaitOutput()) << replicate.err();
     ASSERT_EQ(kill(replicate.pid(), SIGKILL), 0);
     const int status = replicate.wait();

@@ -1,6 +1,7 @@
 #include "tools/Replicate/ChildProcess.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -22,9 +23,9 @@ bool isExecutableFile(const std::string& path) {
   return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && access(path.c_str(), X_OK) == 0;
 }
 
-// The child's side of startChild. This program has one thread, so the copy
-// made by fork holds no lock another thread could have taken, but it still
-// allocates nothing: everything it needs was prepared before the fork.
+// The child's side of startChild. Another thread may have held a lock of
+// the allocator or of stdio at the fork, so the child calls only what is
+// async-signal-safe: everything it needs was prepared before the fork.
 [[noreturn]] void becomeChild(pid_t parent, const char* path, char* const* argv, ChildStreams streams) {
   // Armed before the check: a parent that dies after it kills us, one that
   // died before it leaves us orphaned with another parent id.
@@ -39,6 +40,7 @@ bool isExecutableFile(const std::string& path) {
     if (null < 0 || (null != STDIN_FILENO && (dup2(null, STDIN_FILENO) < 0 || close(null) != 0))) _exit(126);
   }
   if (streams.outputToStderr && dup2(STDERR_FILENO, STDOUT_FILENO) < 0) _exit(126);
+  if (streams.errors >= 0 && dup2(streams.errors, STDERR_FILENO) < 0) _exit(126);
   // Whoever started us may have ignored or blocked signals; rsync and ssh
   // expect the defaults. Handlers of our own would be reset by exec anyway,
   // ignored signals would not.
@@ -50,7 +52,9 @@ bool isExecutableFile(const std::string& path) {
   sigprocmask(SIG_SETMASK, &none, nullptr);
 
   execv(path, argv);
-  const char* why = std::strerror(errno);
+  // strerror may build its text in a locale; this one is a constant.
+  const char* why = strerrordesc_np(errno);
+  if (!why) why = "unknown error";
   const iovec message[] = {{const_cast<char*>("Replicate: cannot run "), 22},
                            {const_cast<char*>(path), std::strlen(path)},
                            {const_cast<char*>(": "), 2},
@@ -104,6 +108,34 @@ int awaitChild(pid_t child) {
 
 int runChild(const std::string& path, const std::vector<std::string>& arguments, ChildStreams streams) {
   return awaitChild(startChild(path, arguments, streams));
+}
+
+ChildRun runCapturingErrors(const std::string& path, const std::vector<std::string>& arguments,
+                            ChildStreams streams) {
+  const int capture = memfd_create("Replicate-errors", MFD_CLOEXEC);
+  if (capture < 0) throw std::runtime_error(std::string("memfd_create: ") + std::strerror(errno));
+  ChildRun run;
+  try {
+    streams.errors = capture;
+    run.status = runChild(path, arguments, streams);
+    // The child shared our offset; reading from the start does not care.
+    char buffer[8192];
+    for (off_t offset = 0;;) {
+      const ssize_t count = pread(capture, buffer, sizeof buffer, offset);
+      if (count == 0) break;
+      if (count < 0) {
+        if (errno == EINTR) continue;
+        throw std::runtime_error(std::string("reading the errors of ") + path + ": " + std::strerror(errno));
+      }
+      run.errors.append(buffer, static_cast<size_t>(count));
+      offset += count;
+    }
+  } catch (...) {
+    close(capture);
+    throw;
+  }
+  close(capture);
+  return run;
 }
 
 }  // namespace Replicate

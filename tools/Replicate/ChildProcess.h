@@ -18,6 +18,8 @@ struct ChildStreams {
   int input = -1;
   // Its stdout joins our stderr, for when our stdout carries results.
   bool outputToStderr = false;
+  // Its stderr; negative for ours.
+  int errors = -1;
 };
 
 // Starts the program at path with arguments (arguments[0] is its name),
@@ -31,5 +33,18 @@ int awaitChild(pid_t child);
 
 // startChild, then awaitChild.
 int runChild(const std::string& path, const std::vector<std::string>& arguments, ChildStreams streams = {});
+
+// How a child ended and what it wrote on stderr.
+struct ChildRun {
+  int status = 0;
+  std::string errors;
+};
+
+// runChild with the child's stderr kept (streams.errors is ignored). It goes
+// to a file in memory, read once the child ended: a process it leaves
+// behind, such as a shared ssh connection, cannot hold us up the way it
+// would hold the end of a pipe.
+ChildRun runCapturingErrors(const std::string& path, const std::vector<std::string>& arguments,
+                            ChildStreams streams = {});
 
 }  // namespace Replicate

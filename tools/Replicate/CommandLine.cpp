@@ -13,8 +13,8 @@ namespace Replicate {
 
 namespace {
 
-constexpr std::array<std::string_view, 5> optionNames = {"--cmd", "--remoteHosts", "--source", "--target",
-                                                         "--rsyncOptions"};
+constexpr std::array<std::string_view, 6> optionNames = {"--cmd",    "--remoteHosts",  "--source",
+                                                         "--target", "--rsyncOptions", "--sshOptions"};
 
 std::vector<HostAddress> parseHosts(const std::string& list) {
   std::vector<HostAddress> hosts;
@@ -50,6 +50,14 @@ void refuse(const std::map<std::string_view, std::string>& values, std::string_v
   }
 }
 
+std::vector<std::string> words(const std::string& text, std::string_view option) {
+  try {
+    return splitShellWords(text);
+  } catch (const std::invalid_argument& error) {
+    throw UsageError(std::string(option) + ": " + error.what());
+  }
+}
+
 }  // namespace
 
 CommandLine parseCommandLine(std::span<const char* const> arguments) {
@@ -82,23 +90,31 @@ CommandLine parseCommandLine(std::span<const char* const> arguments) {
     require(values, "--target", command);
     refuse(values, "--source", command);
     refuse(values, "--rsyncOptions", command);
+  } else if (command == "probe") {
+    line.command = Command::probe;
+    require(values, "--remoteHosts", command);
+    refuse(values, "--source", command);
+    refuse(values, "--target", command);
+    refuse(values, "--rsyncOptions", command);
   } else {
-    throw UsageError("unknown --cmd " + printable(command) + " (expected rsyncFile, rsyncFiles or deleteFile)");
+    throw UsageError("unknown --cmd " + printable(command) +
+                     " (expected rsyncFile, rsyncFiles, deleteFile or probe)");
   }
 
   if (const auto hosts = values.find("--remoteHosts"); hosts != values.end()) {
     line.remoteHosts = parseHosts(hosts->second);
   }
+  if (const auto ssh = values.find("--sshOptions"); ssh != values.end()) {
+    if (line.remoteHosts.empty()) throw UsageError("--sshOptions needs --remoteHosts");
+    line.sshOptions = words(ssh->second, "--sshOptions");
+  }
+  if (line.command == Command::probe) return line;
   line.target = values["--target"];
   if (line.target.empty()) throw UsageError("--target is empty");
   if (line.command != Command::deleteFile) {
     line.source = values["--source"];
     if (line.source.empty()) throw UsageError("--source is empty");
-    try {
-      line.rsyncOptions = splitShellWords(values["--rsyncOptions"]);
-    } catch (const std::invalid_argument& error) {
-      throw UsageError("--rsyncOptions: " + std::string(error.what()));
-    }
+    line.rsyncOptions = words(values["--rsyncOptions"], "--rsyncOptions");
   }
   return line;
 }

@@ -8,7 +8,7 @@
 
 namespace Replicate {
 
-enum class Command { rsyncFile, rsyncFiles, deleteFile };
+enum class Command { rsyncFile, rsyncFiles, deleteFile, probe };
 
 // What one run is asked to do. No hosts means the local file system. For
 // rsyncFiles, source and target are the roots below which the names on
@@ -20,6 +20,8 @@ struct CommandLine {
   std::string source;
   std::string target;
   std::vector<std::string> rsyncOptions;
+  // Words for ssh, before our own options; only with remote hosts.
+  std::vector<std::string> sshOptions;
 };
 
 // Reads the arguments after the program name. Throws UsageError naming what

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -69,6 +71,22 @@ std::string controlDirectory() {
   close(fd);
   if (!problem.empty()) throw failure(directory, problem);
   return directory;
+}
+
+std::string hostFileName(std::string_view kind, std::string_view host) {
+  std::string name(kind);
+  name += '-';
+  for (const unsigned char c : host) {
+    const bool plain = std::isalnum(c) || c == '.' || c == '-' || c == '_' || c == '@';
+    if (plain) {
+      name += char(c);
+    } else {
+      char hex[4];
+      std::snprintf(hex, sizeof hex, "%%%02x", c);
+      name += hex;
+    }
+  }
+  return name;
 }
 
 }  // namespace Replicate

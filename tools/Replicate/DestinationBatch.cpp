@@ -13,7 +13,7 @@ DestinationBatch::DestinationBatch(std::string where, std::vector<std::string> a
   if (!files.empty()) pending_.push_back(std::move(files));
 }
 
-void DestinationBatch::finished(int waitStatus, const std::vector<std::string>& names) {
+void DestinationBatch::finished(int waitStatus, const std::vector<std::string>& names, const std::string& why) {
   std::vector<size_t> list = std::move(pending_.back());
   pending_.pop_back();
   if (succeeded(waitStatus)) return;
@@ -22,7 +22,7 @@ void DestinationBatch::finished(int waitStatus, const std::vector<std::string>& 
     // no better, and which files made it before is unknown.
     failed_.insert(failed_.end(), list.begin(), list.end());
     failAllPending();
-    report(prefix() + describeRsyncFailure(waitStatus));
+    report(prefix() + (why.empty() ? describeRsyncFailure(waitStatus) : why));
     return;
   }
   if (list.size() == 1) {
@@ -42,7 +42,7 @@ void DestinationBatch::finished(int waitStatus, const std::vector<std::string>& 
 
 void DestinationBatch::abandon(const std::string& why) {
   failAllPending();
-  report(prefix() + why);
+  if (!why.empty()) report(prefix() + why);
 }
 
 void DestinationBatch::failAllPending() {

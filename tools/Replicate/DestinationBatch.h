@@ -29,9 +29,11 @@ class DestinationBatch {
   // The files for the next run, in input order. Only while !done().
   const std::vector<size_t>& nextList() const { return pending_.back(); }
   // Takes the outcome of the run of nextList(), reporting the failures it
-  // settles.
-  void finished(int waitStatus, const std::vector<std::string>& names);
-  // Counts every file not yet settled as failed, for why, which is reported.
+  // settles. why, when given, says why a run failed that was not a partial
+  // transfer, in place of rsync's exit status.
+  void finished(int waitStatus, const std::vector<std::string>& names, const std::string& why = {});
+  // Counts every file not yet settled as failed, for why, which is reported
+  // unless it is empty.
   void abandon(const std::string& why);
   // The files that failed here, in no particular order.
   const std::vector<size_t>& failed() const { return failed_; }

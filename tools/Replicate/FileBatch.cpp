@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <functional>
@@ -11,9 +12,11 @@
 #include <string_view>
 
 #include "tools/Replicate/ChildProcess.h"
+#include "tools/Replicate/ChildStatus.h"
 #include "tools/Replicate/DestinationBatch.h"
 #include "tools/Replicate/Printable.h"
-#include "tools/Replicate/RemoteShell.h"
+#include "tools/Replicate/RemoteDirectories.h"
+#include "tools/Replicate/RemoteHosts.h"
 #include "tools/Replicate/Report.h"
 #include "tools/Replicate/RsyncCommand.h"
 #include "tools/Replicate/UsageError.h"
@@ -117,6 +120,39 @@ void runToTheEnd(DestinationBatch& batch, const std::string& rsync, const std::v
   }
 }
 
+// runToTheEnd for a remote host, which also tells what became of the host.
+HostOutcome copyToHost(const RemoteHosts& hosts, const HostAddress& host, DestinationBatch& batch,
+                       const std::string& rsync, const CommandLine& line, const std::vector<std::string>& names) {
+  bool madeDirectories = false;
+  std::optional<RemoteFailure> last;
+  std::optional<RemoteFailure> unreachable;
+  while (!batch.done()) {
+    const ListFile list(names, batch.nextList());
+    const ChildRun run =
+        runCapturingErrors(rsync, batch.arguments(), {.input = list.fd(), .outputToStderr = true});
+    if (!succeeded(run.status) && !madeDirectories && missingRemoteDirectory(run)) {
+      madeDirectories = true;
+      if (const auto made = makeRemoteDirectories(rsync, line.rsyncOptions, hosts.shell(), host, line.target)) {
+        if (succeeded(made->status)) continue;
+        const std::optional<RemoteFailure> failure = hosts.examine(host, *made, RemoteCommand::rsync);
+        batch.abandon(failure->message);
+        hosts.record(host, failure);
+        return HostOutcome::failed;
+      }
+    }
+    const std::optional<RemoteFailure> failure = hosts.examine(host, run, RemoteCommand::rsync);
+    batch.finished(run.status, names, failure ? failure->message : std::string());
+    if (failure) last = failure;
+    if (failure && failure->unreachable) unreachable = failure;
+  }
+  if (unreachable) {
+    hosts.record(host, unreachable);
+  } else {
+    hosts.record(host, batch.failed().empty() ? std::nullopt : last);
+  }
+  return batch.failed().empty() ? HostOutcome::succeeded : HostOutcome::failed;
+}
+
 }  // namespace
 
 std::vector<std::string> readNameList(int fd) {
@@ -162,29 +198,53 @@ std::vector<bool> copyFiles(const CommandLine& line, const std::vector<std::stri
   if (files.empty()) return copied;
 
   std::string rsync;
-  std::optional<RemoteShell> shell;
+  std::optional<RemoteHosts> hosts;
   std::vector<DestinationBatch> destinations;
   try {
     rsync = findRsync();
-    if (!line.remoteHosts.empty()) shell = RemoteShell::fromEnvironment();
-    destinations = destinationBatches(line, files, shell ? &*shell : nullptr,
+    if (!line.remoteHosts.empty()) hosts.emplace(line);
+    destinations = destinationBatches(line, files, hosts ? &hosts->shell() : nullptr,
                                       [&](size_t file) { return sourceChanged(sourceRoot + names[file], sources[file]); });
   } catch (const std::runtime_error& error) {
     report(error.what());
     for (const size_t file : files) copied[file] = false;
     return copied;
   }
-  // One destination after the other; no batch depends on another's.
-  for (size_t i = 0; i < destinations.size(); ++i) {
-    DestinationBatch& destination = destinations[i];
+  if (!hosts) {
+    DestinationBatch& destination = destinations.front();
     try {
-      if (shell) shell->shareConnectionTo(line.remoteHosts[i]);
-      if (line.remoteHosts.empty()) makeDirectories(line.target);
+      makeDirectories(line.target);
       runToTheEnd(destination, rsync, names);
     } catch (const std::runtime_error& error) {
       destination.abandon(error.what());
     }
     for (const size_t file : destination.failed()) copied[file] = false;
+    return copied;
+  }
+  // No batch depends on another's.
+  const std::vector<HostOutcome> outcomes = hosts->forEachHost([&](size_t i) {
+    const HostAddress& host = hosts->hosts()[i];
+    DestinationBatch& destination = destinations[i];
+    try {
+      if (const std::optional<HostOutcome> outcome = hosts->prepare(host)) {
+        if (*outcome == HostOutcome::failed) destination.abandon({});
+        return *outcome;
+      }
+      return copyToHost(*hosts, host, destination, rsync, line, names);
+    } catch (const std::runtime_error& error) {
+      destination.abandon(error.what());
+      return HostOutcome::failed;
+    }
+  });
+  // A file fails when a host that was tried did not get it.
+  const bool noneTried =
+      std::all_of(outcomes.begin(), outcomes.end(), [](HostOutcome o) { return o == HostOutcome::resting; });
+  for (size_t i = 0; i < destinations.size(); ++i) {
+    if (outcomes[i] == HostOutcome::failed && !destinations[i].done()) destinations[i].abandon({});
+    for (const size_t file : destinations[i].failed()) copied[file] = false;
+  }
+  if (noneTried) {
+    for (const size_t file : files) copied[file] = false;
   }
   return copied;
 }

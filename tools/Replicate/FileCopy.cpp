@@ -2,10 +2,13 @@
 
 #include <sys/stat.h>
 
+#include <optional>
+
 #include "tools/Replicate/ChildProcess.h"
 #include "tools/Replicate/ChildStatus.h"
 #include "tools/Replicate/Printable.h"
-#include "tools/Replicate/RemoteShell.h"
+#include "tools/Replicate/RemoteDirectories.h"
+#include "tools/Replicate/RemoteHosts.h"
 #include "tools/Replicate/Report.h"
 #include "tools/Replicate/RsyncCommand.h"
 
@@ -13,22 +16,26 @@ namespace Replicate {
 
 namespace {
 
-// rsync's wait status; a copy that failed while the source changed under
-// it is run again, a few times.
-int copyWhileChanging(const std::string& rsync, const std::vector<std::string>& arguments, const std::string& source,
-                      SourceState& state) {
-  int status = runChild(rsync, arguments);
-  for (int retry = 0; retry < retriesWhileChanging && partialTransfer(status) && sourceChanged(source, state); ++retry) {
-    status = runChild(rsync, arguments);
+// rsync's end; a copy that failed while the source changed under it is run
+// again, a few times. Remote runs keep their stderr to be looked at.
+ChildRun copyWhileChanging(const std::string& rsync, const std::vector<std::string>& arguments,
+                           const std::string& source, SourceState& state, bool remote) {
+  const auto run = [&] {
+    return remote ? runCapturingErrors(rsync, arguments) : ChildRun{runChild(rsync, arguments), {}};
+  };
+  ChildRun copy = run();
+  for (int retry = 0; retry < retriesWhileChanging && partialTransfer(copy.status) && sourceChanged(source, state);
+       ++retry) {
+    copy = run();
   }
-  return status;
+  return copy;
 }
 
 }  // namespace
 
 bool copyFile(const CommandLine& line) {
   const std::string rsync = findRsync();
-  SourceState source = checkSource(line.source);
+  const SourceState source = checkSource(line.source);
   std::vector<std::string> arguments = rsyncArguments(line.rsyncOptions);
 
   if (line.remoteHosts.empty()) {
@@ -39,27 +46,31 @@ bool copyFile(const CommandLine& line) {
     }
     if (const std::string parent = parentOf(line.target); !parent.empty()) makeDirectories(parent);
     arguments.insert(arguments.end(), {"--", localPathForRsync(line.source), localPathForRsync(line.target)});
-    const int status = copyWhileChanging(rsync, arguments, line.source, source);
-    if (succeeded(status)) return true;
-    report(describeRsyncFailure(status));
+    SourceState state = source;
+    const ChildRun copy = copyWhileChanging(rsync, arguments, line.source, state, false);
+    if (succeeded(copy.status)) return true;
+    report(describeRsyncFailure(copy.status));
     return false;
   }
 
-  const RemoteShell shell = RemoteShell::fromEnvironment();
-  addRemoteOptions(arguments, shell);
+  RemoteHosts hosts(line);
+  addRemoteOptions(arguments, hosts.shell());
   arguments.insert(arguments.end(), {"--", localPathForRsync(line.source)});
-  bool allSucceeded = true;
-  for (const HostAddress& host : line.remoteHosts) {
-    shell.shareConnectionTo(host);
-    arguments.push_back(host.rsyncDestination(line.target));
-    const int status = copyWhileChanging(rsync, arguments, line.source, source);
-    arguments.pop_back();
-    if (!succeeded(status)) {
-      report("host " + host.text() + ": " + describeRsyncFailure(status));
-      allSucceeded = false;
+  return allSucceeded(hosts.forEachHost([&](size_t i) {
+    const HostAddress& host = hosts.hosts()[i];
+    if (const std::optional<HostOutcome> outcome = hosts.prepare(host)) return *outcome;
+    std::vector<std::string> toHost = arguments;
+    toHost.push_back(host.rsyncDestination(line.target));
+    SourceState state = source;
+    ChildRun copy = copyWhileChanging(rsync, toHost, line.source, state, true);
+    if (!succeeded(copy.status) && missingRemoteDirectory(copy)) {
+      if (const auto made =
+              makeRemoteDirectories(rsync, line.rsyncOptions, hosts.shell(), host, parentOf(line.target))) {
+        copy = succeeded(made->status) ? copyWhileChanging(rsync, toHost, line.source, state, true) : *made;
+      }
     }
-  }
-  return allSucceeded;
+    return hosts.settle(host, copy, RemoteCommand::rsync);
+  }));
 }
 
 }  // namespace Replicate

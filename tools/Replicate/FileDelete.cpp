@@ -4,12 +4,12 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 
 #include "tools/Replicate/ChildProcess.h"
-#include "tools/Replicate/ChildStatus.h"
 #include "tools/Replicate/Printable.h"
-#include "tools/Replicate/RemoteShell.h"
+#include "tools/Replicate/RemoteHosts.h"
 #include "tools/Replicate/Report.h"
 #include "tools/Replicate/ShellWords.h"
 
@@ -29,23 +29,18 @@ bool deleteLocally(const std::string& target) {
 bool deleteFile(const CommandLine& line) {
   if (line.remoteHosts.empty()) return deleteLocally(line.target);
 
-  const RemoteShell shell = RemoteShell::fromEnvironment();
-  const std::string program = findOnPath(shell.program());
-  if (program.empty()) throw std::runtime_error(shell.program() + " not found on PATH");
+  RemoteHosts hosts(line);
+  if (hosts.shellPath().empty()) throw std::runtime_error(hosts.shell().program() + " not found on PATH");
   // The remote side runs this through a shell whatever we do, so the name
   // goes quoted; rm -f succeeds for a file already gone and refuses a
   // directory.
   const std::string remoteCommand = "rm -f -- " + shellQuoted(line.target);
-  bool allSucceeded = true;
-  for (const HostAddress& host : line.remoteHosts) {
-    shell.shareConnectionTo(host);
-    const int status = runChild(program, shell.argumentsFor(host, remoteCommand));
-    if (!succeeded(status)) {
-      report("host " + host.text() + ": " + describeRemoteDeleteFailure(status));
-      allSucceeded = false;
-    }
-  }
-  return allSucceeded;
+  return allSucceeded(hosts.forEachHost([&](size_t i) {
+    const HostAddress& host = hosts.hosts()[i];
+    if (const std::optional<HostOutcome> outcome = hosts.prepare(host)) return *outcome;
+    const ChildRun removal = runCapturingErrors(hosts.shellPath(), hosts.shell().argumentsFor(host, remoteCommand));
+    return hosts.settle(host, removal, RemoteCommand::remove);
+  }));
 }
 
 }  // namespace Replicate

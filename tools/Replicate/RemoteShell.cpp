@@ -1,61 +1,80 @@
 #include "tools/Replicate/RemoteShell.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <strings.h>
 
-#include <cctype>
-#include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <stdexcept>
+#include <string_view>
 
-#include "tools/Replicate/ChildProcess.h"
-#include "tools/Replicate/ChildStatus.h"
-#include "tools/Replicate/ControlDirectory.h"
 #include "tools/Replicate/ShellWords.h"
 
 namespace Replicate {
 
 namespace {
 
-constexpr int connectTimeout = 10;
+constexpr int defaultConnectTimeout = 10;
 constexpr int persistSeconds = 60;
-// A shared connection marked up this recently is still there: it lives
-// persistSeconds after its last run, and every run renews the mark.
-constexpr int upFor = persistSeconds - 10;
 
-// Host texts are user@name or addresses; anything else in them is spelled
-// in hex, so no text can reach outside the directory or meet another's name.
-std::string markerName(const std::string& host) {
-  std::string name = "host-";
-  for (const unsigned char c : host) {
-    const bool plain = std::isalnum(c) || c == '.' || c == '-' || c == '_' || c == '@';
-    if (plain) {
-      name += char(c);
-    } else {
-      char hex[4];
-      std::snprintf(hex, sizeof hex, "%%%02x", c);
-      name += hex;
-    }
-  }
-  return name;
+std::string_view baseName(std::string_view path) {
+  const size_t slash = path.find_last_of('/');
+  return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
-bool markerFresh(int fd, char state, int seconds) {
-  struct stat status {};
-  char content = 0;
-  if (fstat(fd, &status) != 0 || status.st_size != 1 || pread(fd, &content, 1, 0) != 1) return false;
-  return content == state && std::time(nullptr) - status.st_mtime < seconds;
+// Keep-alives and a connect time-out turn a dead host into an error instead
+// of a hang; connection sharing makes the runs after the first one to a
+// host cheap.
+std::vector<std::string> ownOptions(const std::string& controlDirectory) {
+  return {"-o", "BatchMode=yes",
+          "-o", "ConnectTimeout=" + std::to_string(defaultConnectTimeout),
+          "-o", "ServerAliveInterval=10",
+          "-o", "ServerAliveCountMax=3",
+          "-o", "ControlMaster=auto",
+          "-o", "ControlPath=" + controlDirectory + "/%C",
+          "-o", "ControlPersist=" + std::to_string(persistSeconds)};
+}
+
+// The first ConnectTimeout among ssh's words, as in "-o ConnectTimeout=5",
+// "-oConnectTimeout 5" or "-o connecttimeout=5"; 0 when there is none.
+int firstConnectTimeout(const std::vector<std::string>& words) {
+  static constexpr std::string_view key = "connecttimeout";
+  for (size_t i = 1; i < words.size(); ++i) {
+    std::string_view setting;
+    if (words[i] == "-o" && i + 1 < words.size()) {
+      setting = words[++i];
+    } else if (words[i].starts_with("-o")) {
+      setting = std::string_view(words[i]).substr(2);
+    } else {
+      continue;
+    }
+    if (setting.size() <= key.size() || strncasecmp(setting.data(), key.data(), key.size()) != 0) continue;
+    setting.remove_prefix(key.size());
+    const size_t value = setting.find_first_not_of(" \t=");
+    if (value == std::string_view::npos || value == 0) continue;
+    const int seconds = std::atoi(std::string(setting.substr(value)).c_str());
+    if (seconds > 0) return seconds;
+  }
+  return 0;
 }
 
 }  // namespace
 
-RemoteShell RemoteShell::fromEnvironment() {
+std::string quotedForRsync(const std::string& word) {
+  if (!word.empty() && word.find_first_of(" '\"") == std::string::npos) return word;
+  std::string quoted = "'";
+  for (const char c : word) {
+    quoted.push_back(c);
+    if (c == '\'') quoted.push_back(c);
+  }
+  quoted.push_back('\'');
+  return quoted;
+}
+
+RemoteShell RemoteShell::fromEnvironment(const std::vector<std::string>& sshOptions,
+                                         const std::string& controlDirectory) {
   RemoteShell shell;
   const char* custom = std::getenv("RSYNC_RSH");
   if (custom && *custom) {
+    // rsync splits $RSYNC_RSH its own way; it gets the text as it stands.
     shell.command_ = custom;
     try {
       shell.words_ = splitShellWords(shell.command_);
@@ -64,15 +83,19 @@ RemoteShell RemoteShell::fromEnvironment() {
     }
     if (shell.words_.empty()) throw std::runtime_error("RSYNC_RSH holds no command");
   } else {
-    // Keep-alives and a connect time-out turn a dead host into an error
-    // instead of a hang; connection sharing makes the runs after the first
-    // one to a host cheap.
-    shell.controlDirectory_ = controlDirectory();
-    shell.command_ = "ssh -o BatchMode=yes -o ConnectTimeout=" + std::to_string(connectTimeout) +
-                     " -o ServerAliveInterval=10 -o ServerAliveCountMax=3 -o ControlMaster=auto -o ControlPath=" +
-                     shell.controlDirectory_ + "/%C -o ControlPersist=" + std::to_string(persistSeconds);
-    shell.words_ = splitShellWords(shell.command_);
+    shell.command_ = "ssh";
+    shell.words_ = {"ssh"};
   }
+  if (baseName(shell.program()) == "ssh") {
+    std::vector<std::string> added = sshOptions;
+    const std::vector<std::string> own = ownOptions(controlDirectory);
+    added.insert(added.end(), own.begin(), own.end());
+    for (const std::string& word : added) shell.command_ += " " + quotedForRsync(word);
+    shell.words_.insert(shell.words_.end(), added.begin(), added.end());
+    shell.sharesConnections_ = true;
+  }
+  shell.connectTimeout_ = firstConnectTimeout(shell.words_);
+  if (shell.connectTimeout_ == 0) shell.connectTimeout_ = defaultConnectTimeout;
   return shell;
 }
 
@@ -86,34 +109,6 @@ std::vector<std::string> RemoteShell::argumentsFor(const HostAddress& host, cons
   arguments.push_back(host.machine());
   arguments.push_back(remoteCommand);
   return arguments;
-}
-
-void RemoteShell::shareConnectionTo(const HostAddress& host) const {
-  if (controlDirectory_.empty()) return;
-  // A marker per host: 'u' when a shared connection was started, 'd' when
-  // that failed; its time is when it was last known so. It is also the lock
-  // that the run starting the connection holds.
-  const std::string marker = controlDirectory_ + "/" + markerName(host.text());
-  const int fd = open(marker.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) return;
-  if (markerFresh(fd, 'u', upFor)) {
-    // Each run keeps the connection alive for persistSeconds after it.
-    futimens(fd, nullptr);
-  } else if (flock(fd, LOCK_EX) == 0 && !markerFresh(fd, 'u', upFor) && !markerFresh(fd, 'd', connectTimeout)) {
-    int status = 1;
-    if (const std::string ssh = findOnPath(words_.front()); !ssh.empty()) {
-      try {
-        // A first run of nothing leaves the shared connection behind, or
-        // uses the one that is there after all; it must not keep our
-        // stdout, which may be the list of outcomes.
-        status = runChild(ssh, argumentsFor(host, "true"), {.outputToStderr = true});
-      } catch (const std::runtime_error&) {
-      }
-    }
-    const char state = succeeded(status) ? 'u' : 'd';
-    if (ftruncate(fd, 0) == 0 && pwrite(fd, &state, 1, 0) == 1) futimens(fd, nullptr);
-  }
-  close(fd);
 }
 
 }  // namespace Replicate

@@ -7,13 +7,17 @@
 
 namespace Replicate {
 
-// How remote hosts are reached: $RSYNC_RSH when set, otherwise ssh in batch
-// mode with shared connections.
+// How remote hosts are reached: ssh with the user's options, then our own:
+// batch mode, time-outs and shared connections. ssh takes the first value
+// it is given for a setting, so the user's win and ours fill the rest.
+// $RSYNC_RSH, when set, replaces the program; our options still follow when
+// that is ssh, and nothing is added to any other program.
 class RemoteShell {
  public:
-  // Throws std::runtime_error when $RSYNC_RSH cannot be split into words or
-  // the directory for shared connections is unsafe.
-  static RemoteShell fromEnvironment();
+  // sshOptions are the user's words for ssh; sockets of shared connections
+  // go to controlDirectory. Throws std::runtime_error when $RSYNC_RSH cannot
+  // be split into words.
+  static RemoteShell fromEnvironment(const std::vector<std::string>& sshOptions, const std::string& controlDirectory);
 
   // The command line for rsync's -e, which rsync splits itself.
   const std::string& command() const { return command_; }
@@ -22,21 +26,20 @@ class RemoteShell {
   // The argument vector that runs remoteCommand on host. The remote side
   // hands remoteCommand to a shell, so it must be quoted for one.
   std::vector<std::string> argumentsFor(const HostAddress& host, const std::string& remoteCommand) const;
-
-  // With our own ssh command, makes sure a shared connection to host is up
-  // before a run uses it. Runs that start together (a burst of shared runs
-  // after a quiet spell) would otherwise each open a connection of their
-  // own, and sshd drops those beyond its limit of connections still logging
-  // in. One run starts the shared connection while the others wait for it;
-  // a host that could not be reached lately is left to each run. Failures
-  // are left to the run itself.
-  void shareConnectionTo(const HostAddress& host) const;
+  // Whether runs share connections through our options.
+  bool sharesConnections() const { return sharesConnections_; }
+  // ssh's time-out for connecting, in seconds, as the options set it.
+  int connectTimeout() const { return connectTimeout_; }
 
  private:
   std::string command_;
   std::vector<std::string> words_;
-  // Empty with $RSYNC_RSH.
-  std::string controlDirectory_;
+  bool sharesConnections_ = false;
+  int connectTimeout_ = 0;
 };
+
+// word as rsync's splitting of -e reads it back: it splits at blanks only,
+// and a quote character doubled inside quotes stands for itself.
+std::string quotedForRsync(const std::string& word);
 
 }  // namespace Replicate

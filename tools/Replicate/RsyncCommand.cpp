@@ -34,7 +34,9 @@ std::vector<std::string> rsyncArguments(const std::vector<std::string>& options)
 void addRemoteOptions(std::vector<std::string>& arguments, const RemoteShell& shell) {
   // Protected arguments reach the remote rsync through its protocol rather
   // than a remote shell command line, so no name is split or interpreted.
-  arguments.insert(arguments.end(), {"--protect-args", "--mkpath", "-e", shell.command()});
+  // No --mkpath, which receivers before 3.2.3 refuse: missing directories
+  // are made when a copy fails for want of them.
+  arguments.insert(arguments.end(), {"--protect-args", "-e", shell.command()});
 }
 
 std::string localPathForRsync(const std::string& path) {

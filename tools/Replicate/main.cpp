@@ -14,6 +14,7 @@
 #include "tools/Replicate/FileCopy.h"
 #include "tools/Replicate/FileDelete.h"
 #include "tools/Replicate/HelpText.h"
+#include "tools/Replicate/HostProbe.h"
 #include "tools/Replicate/Report.h"
 #include "tools/Replicate/UsageError.h"
 
@@ -73,6 +74,9 @@ int main(int argc, char** argv) {
         break;
       case Command::deleteFile:
         ok = deleteFile(line);
+        break;
+      case Command::probe:
+        ok = probeHosts(line);
         break;
     }
     return ok ? 0 : 1;
