@@ -151,6 +151,20 @@ class Agent::ReloadTimer : public Kel::Clock::NotifieeConst {
   Agent* agent_;
 };
 
+// Pets the service manager's watchdog from the loop: a loop that hangs stops
+// petting, and the manager restarts the agent.
+class Agent::WatchdogTimer : public Kel::Clock::NotifieeConst {
+ public:
+  explicit WatchdogTimer(Agent* agent) : agent_(agent) {}
+  void onTime() override {
+    agent_->systemd_.send("WATCHDOG=1\nSTATUS=" + agent_->summary());
+    timeMinIs(Kel::now() + agent_->systemd_.watchdogPeriod());
+  }
+
+ private:
+  Agent* agent_;
+};
+
 Agent::Agent(Options options) : options_(std::move(options)) {
   // What the operator must act on is logged whatever KEL_TRACE asks for.
   char const* const trace = std::getenv("KEL_TRACE");
@@ -206,12 +220,21 @@ Agent::Agent(Options options) : options_(std::move(options)) {
   reloadTimer_->notifierIs(Kel::activityManager()->clock());
   watcher_ = std::make_unique<ConfigFileWatcher>(this, configPath);
   say("running with " + std::to_string(config_->requesters()) + " requesters from " + options_.configPath);
+  // Ready once the first configuration is applied, so that whatever is
+  // ordered after the service finds it replicating.
+  systemd_.send("READY=1\nSTATUS=" + summary());
+  if (systemd_.watchdogPeriod() > 0) {
+    watchdog_ = new WatchdogTimer(this);
+    watchdog_->notifierIs(Kel::activityManager()->clock());
+    watchdog_->timeMinIs(Kel::now() + systemd_.watchdogPeriod());
+  }
 }
 
 Agent::~Agent() {
   watcher_.reset();
   hostStates_.reset();
   if (reloadTimer_) reloadTimer_->notifierIs(nullptr);
+  if (watchdog_) watchdog_->notifierIs(nullptr);
   // The machines go first: running children are killed and every status
   // is final before anything else is released.
   configSm_ = nullptr;
@@ -230,9 +253,13 @@ Agent::~Agent() {
 
 void Agent::run() { Kel::activityManager()->loop().run(); }
 
-void Agent::stop() { Kel::activityManager()->loop().stop(); }
+void Agent::stop() {
+  systemd_.send("STOPPING=1");
+  Kel::activityManager()->loop().stop();
+}
 
 bool Agent::reload() {
+  systemd_.send("RELOADING=1");
   ParsedConfig parsed = parseConfigFile(options_.configPath);
   bool const valid = parsed.ok();
   if (!valid) {
@@ -242,7 +269,21 @@ bool Agent::reload() {
     for (auto const& w : parsed.warnings) say("warning: " + w);
     apply(parsed.config);
   }
+  systemd_.send("READY=1\nSTATUS=" + summary());
   return valid;
+}
+
+std::string Agent::summary() const {
+  std::size_t files = 0;
+  std::size_t failed = 0;
+  for (auto const& [name, rs] : status_->requester()) {
+    for (auto const& [path, fs] : rs->file()) {
+      ++files;
+      failed += fs->status() == FileReplication::FileStatus::failed;
+    }
+  }
+  return std::to_string(config_->requesters()) + " requesters, " + std::to_string(files) + " files, " +
+         std::to_string(failed) + " failed";
 }
 
 void Agent::apply(AgentConfig const& settings) {

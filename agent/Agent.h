@@ -8,6 +8,7 @@
 
 #include "FileReplication/FileReplicationSm.h"
 #include "agent/AgentConfig.h"
+#include "agent/SystemdNotify.h"
 #include "entities/Config.h"
 #include "entities/Status.h"
 
@@ -55,9 +56,12 @@ class Agent {
   class SignalReactor;
   class ConfigFileWatcher;
   class ReloadTimer;
+  class WatchdogTimer;
 
   void apply(AgentConfig const& settings);
   void reloadSoon();
+  // One line for the service manager: "3 requesters, 1204 files, 2 failed".
+  std::string summary() const;
   nlohmann::json replicate(std::string const& requester, nlohmann::json const& path);
   nlohmann::json deleteIfNotExist(std::string const& requester);
 
@@ -72,6 +76,8 @@ class Agent {
   Kel::Ptr<ReloadTimer> reloadTimer_;
   // Null when Replicate's control directory cannot be used.
   std::unique_ptr<HostStates> hostStates_;
+  SystemdNotify systemd_;
+  Kel::Ptr<WatchdogTimer> watchdog_;
 };
 
 // Makes sure a Replicate program can be found: PATH is left exactly as it is

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <optional>
 #include <span>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 #include <unordered_map>
@@ -58,17 +59,19 @@ struct SshSettings {
 struct TimeSetting {
   std::string_view key;
   double RequesterSettings::*field;
-  bool zeroAllowed;
+  // The least value, and whether it is allowed itself.
+  double least;
+  bool leastAllowed;
 };
 
-// A period of 0 is meaningful (replicate on every pass of the loop); a
-// replication timeout of 0 would kill every run at once.
+// A period under a second is a busy loop of copies; a replication timeout of
+// 0 would kill every run at once.
 constexpr TimeSetting timeSettings[] = {
-    {"period", &RequesterSettings::period, true},
-    {"replicationTimeout", &RequesterSettings::replicationTimeout, false},
-    {"retryInterval", &RequesterSettings::retryInterval, true},
-    {"remoteHostReplicationDelay", &RequesterSettings::remoteHostReplicationDelay, true},
-    {"deleteDelay", &RequesterSettings::deleteDelay, true},
+    {"period", &RequesterSettings::period, 1, true},
+    {"replicationTimeout", &RequesterSettings::replicationTimeout, 0, false},
+    {"retryInterval", &RequesterSettings::retryInterval, 0, true},
+    {"remoteHostReplicationDelay", &RequesterSettings::remoteHostReplicationDelay, 0, true},
+    {"deleteDelay", &RequesterSettings::deleteDelay, 0, true},
 };
 
 std::string describeErrno(int error) {
@@ -295,7 +298,8 @@ class Parser {
   std::optional<std::string> parsePath(YAML::Node const& value, YAML::Mark const& at, std::string const& key,
                                        bool plain);
   void checkWatchable(FileSite const& site);
-  void checkCopiedOntoItself(FileSettings const& f, YAML::Mark const& at);
+  bool checkCopiedOntoItself(FileSettings const& f, YAML::Mark const& at);
+  void checkSource(FileSettings const& f, YAML::Mark const& at);
 
   std::string const& fileName_;
   ParsedConfig result_;
@@ -471,8 +475,10 @@ void Parser::parseRequester(std::string const& name, YAML::Node const& key, YAML
   // sites and r.files are filled together. A disabled requester is checked
   // too: it can be enabled without a reload.
   for (std::size_t i = 0; i < sites.size(); ++i) {
+    // A file copied onto itself never runs, so its absence deletes nothing.
+    bool const neverCopied = r.remoteHosts.empty() && checkCopiedOntoItself(r.files[i], sites[i].mark);
+    if (!neverCopied) checkSource(r.files[i], sites[i].mark);
     if (hasMode && modeValid && r.mode == RequesterConfig::inotify) checkWatchable(sites[i]);
-    if (r.remoteHosts.empty()) checkCopiedOntoItself(r.files[i], sites[i].mark);
   }
   result_.config.requesters.push_back(std::move(r));
   requesterSsh_.push_back(std::move(ssh));
@@ -486,8 +492,10 @@ void Parser::parseSeconds(YAML::Node const& value, YAML::Mark const& at, TimeSet
     error(at, wrong + "number of seconds");
   } else if (!std::isfinite(*seconds)) {
     error(at, wrong + "finite number of seconds");
-  } else if (setting.zeroAllowed ? *seconds < 0 : *seconds <= 0) {
-    error(at, wrong + (setting.zeroAllowed ? "number of seconds >= 0" : "number of seconds > 0"));
+  } else if (setting.leastAllowed ? *seconds < setting.least : *seconds <= setting.least) {
+    std::ostringstream least;
+    least << "number of seconds " << (setting.leastAllowed ? ">= " : "> ") << setting.least;
+    error(at, wrong + least.str());
   } else {
     r.*setting.field = *seconds;
   }
@@ -686,12 +694,26 @@ void Parser::checkWatchable(FileSite const& site) {
   }
 }
 
+// A source that is not there has its copies deleted by the first run: a typo
+// in a path would cost the destination. A directory can only fail.
+void Parser::checkSource(FileSettings const& f, YAML::Mark const& at) {
+  struct stat st;
+  if (stat(f.path.c_str(), &st) == 0) {
+    if (S_ISDIR(st.st_mode)) error(at, "path " + quoted(f.path) + " is a directory; expected a file");
+    return;
+  }
+  if (!FileReplication::Utils::missing(errno)) return;
+  warning(at, "path " + quoted(f.path) + " does not exist; the first run deletes its copies (dstPath " +
+                  quoted(f.dstPath) + ")");
+}
+
 // The library refuses to copy a file onto itself, so such a file is valid
 // but never replicated, which is hardly what was meant.
-void Parser::checkCopiedOntoItself(FileSettings const& f, YAML::Mark const& at) {
-  if (f.dstPath != f.path && !FileReplication::Utils::sameFile(f.path, f.dstPath)) return;
+bool Parser::checkCopiedOntoItself(FileSettings const& f, YAML::Mark const& at) {
+  if (f.dstPath != f.path && !FileReplication::Utils::sameFile(f.path, f.dstPath)) return false;
   warning(at, "dstPath " + quoted(f.dstPath) + " of file " + quoted(f.path) +
                   " is the same file as its source and the requester has no remote hosts; it is never copied");
+  return true;
 }
 
 // Reads the whole file; 0 or the errno of the failure.
@@ -724,12 +746,44 @@ ParsedConfig parseConfigText(std::string const& text, std::string const& fileNam
   return Parser(fileName).parse(text);
 }
 
+// Run as root, the configuration says which commands run as root and where
+// they write: whoever may change the file, or replace it through a directory
+// above it, owns the machine. Empty when only root can.
+std::string unsafeOwnership(std::string const& path) {
+  if (geteuid() != 0) return {};
+  std::string at = path;
+  if (at.empty() || at.front() != '/') {
+    char cwd[4096];
+    if (!getcwd(cwd, sizeof cwd)) return {};
+    at = std::string(cwd) + "/" + at;
+  }
+  for (bool file = true;; file = false) {
+    struct stat st;
+    // Through links: it is what they lead to that is read.
+    if (stat(at.c_str(), &st) != 0) return {};
+    std::string const what = (file ? "the file " : "the directory ") + quoted(at);
+    if (st.st_uid != 0) return what + " is owned by uid " + std::to_string(st.st_uid) + ", not root";
+    // A sticky directory (/tmp) lets others add names but not replace ours.
+    bool const writable = (st.st_mode & (S_IWGRP | S_IWOTH)) && !(!file && (st.st_mode & S_ISVTX));
+    if (writable) return what + " is writable by " + ((st.st_mode & S_IWOTH) ? "others" : "its group");
+    std::size_t const slash = at.find_last_of('/');
+    if (at == "/" || slash == std::string::npos) return {};
+    at = slash == 0 ? "/" : at.substr(0, slash);
+  }
+}
+
 ParsedConfig parseConfigFile(std::string const& path) {
   std::string text;
   if (int const failure = readWhole(path, text)) {
     ParsedConfig unread;
     unread.errors.push_back(path + ": cannot read: " + describeErrno(failure));
     return unread;
+  }
+  if (std::string const unsafe = unsafeOwnership(path); !unsafe.empty()) {
+    ParsedConfig refused;
+    refused.errors.push_back(path + ": refused: " + unsafe +
+                             "; expected a file that only root can change, as the agent runs its commands as root");
+    return refused;
   }
   return parseConfigText(text, path);
 }

@@ -1,6 +1,8 @@
 #include "agent/ConfigFile.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -26,7 +28,7 @@ requesters:
   web:
     mode: periodic
     remoteHosts: [backup-1.example.com, "rep@[fe80::1%eth0]"]
-    period: 0
+    period: 1
     replicationTimeout: 2.5
     retryInterval: 0
     syncErrorThreshold: 0
@@ -52,7 +54,7 @@ requesters:
   web.name = "web";
   web.mode = RequesterConfig::periodic;
   web.remoteHosts = {"backup-1.example.com", "rep@[fe80::1%eth0]"};
-  web.period = 0;
+  web.period = 1;
   web.replicationTimeout = 2.5;
   web.retryInterval = 0;
   web.syncErrorThreshold = 0;
@@ -146,7 +148,7 @@ requesters:
                 "bad.yaml:26:5: key \"period\" is given twice (first at line 25); expected each key once",
                 "bad.yaml:27:3: requester \"empty\" is empty; expected a mapping with at least mode",
                 "bad.yaml:28:3: requester \"nomode\" has no mode; expected mode: periodic or inotify",
-                "bad.yaml:32:13: period is \"-0.5\"; expected a number of seconds >= 0",
+                "bad.yaml:32:13: period is \"-0.5\"; expected a number of seconds >= 1",
                 "bad.yaml:33:20: retryInterval is \"nan\"; expected a finite number of seconds",
                 "bad.yaml:34:25: syncErrorThreshold is \"-1\"; expected a whole number >= 0",
                 "bad.yaml:35:18: remoteHosts is \"one,two\"; expected a list of host names, like [host1, host2]",
@@ -351,14 +353,21 @@ TEST_F(ConfigFileIntegration, WarnsOfMissingDirectoriesAndFilesCopiedOntoThemsel
   std::string const appears = "; its files are replicated once it appears";
   std::string const never = " is the same file as its source and the requester has no remote hosts; it is never copied";
   // A disabled requester is checked too: it can be enabled without a reload.
-  EXPECT_EQ((Lines{path + ":7:15: the directory \"" + dir_ + "/missing\" does not exist (No such file or directory)" +
+  auto const deletes = [](std::string const& file, std::string const& dst) {
+    return "path \"" + file + "\" does not exist; the first run deletes its copies (dstPath \"" + dst + "\")";
+  };
+  EXPECT_EQ((Lines{path + ":7:15: " + deletes(dir_ + "/missing/b", dir_ + "/missing/b"),
+                   path + ":7:15: the directory \"" + dir_ + "/missing\" does not exist (No such file or directory)" +
                        appears,
+                   path + ":8:15: " + deletes(dir_ + "/plain/c", dir_ + "/plain/c"),
                    path + ":8:15: the directory \"" + dir_ + "/plain\" does not exist (Not a directory)" + appears,
+                   path + ":14:15: " + deletes("/nonexistent-filerep-dir/d", "/nonexistent-filerep-dir/d"),
                    path + ":14:15: the directory \"/nonexistent-filerep-dir\" does not exist (No such file or "
                           "directory)" + appears,
                    path + ":18:15: dstPath \"/nonexistent-filerep-dir/e\" of file \"/nonexistent-filerep-dir/e\"" +
                        never,
-                   path + ":19:15: dstPath \"" + dir_ + "/link/./a\" of file \"" + dir_ + "/watched/a\"" + never}),
+                   path + ":19:15: dstPath \"" + dir_ + "/link/./a\" of file \"" + dir_ + "/watched/a\"" + never,
+                   path + ":21:15: " + deletes(dir_ + "/watched/b", dir_ + "/watched/c")}),
             parsed.warnings);
 }
 
@@ -366,6 +375,26 @@ TEST_F(ConfigFileIntegration, ReportsAFileThatCannotBeRead) {
   EXPECT_EQ(Lines{dir_ + "/absent.yaml: cannot read: No such file or directory"},
             parseConfigFile(dir_ + "/absent.yaml").errors);
   EXPECT_EQ(Lines{dir_ + ": cannot read: Is a directory"}, parseConfigFile(dir_).errors);
+}
+
+// Run as root, whoever can change the file, or swap it through a directory
+// above it, could make the agent run anything as root.
+TEST_F(ConfigFileIntegration, AFileOthersCanChangeIsRefusedWhenRoot) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root's agent refuses";
+  std::string const path = write("agent.yaml", "requesters: {}\n");
+  EXPECT_TRUE(parseConfigFile(path).ok());
+  std::string const expected = "; expected a file that only root can change, as the agent runs its commands as root";
+  chmod(path.c_str(), 0664);
+  EXPECT_EQ(Lines{path + ": refused: the file \"" + path + "\" is writable by its group" + expected},
+            parseConfigFile(path).errors);
+  chmod(path.c_str(), 0644);
+  chmod(dir_.c_str(), 0777);
+  EXPECT_EQ(Lines{path + ": refused: the directory \"" + dir_ + "\" is writable by others" + expected},
+            parseConfigFile(path).errors);
+  chmod(dir_.c_str(), 0700);
+  ASSERT_EQ(0, chown(path.c_str(), 1, 1));
+  EXPECT_EQ(Lines{path + ": refused: the file \"" + path + "\" is owned by uid 1, not root" + expected},
+            parseConfigFile(path).errors);
 }
 
 }  // namespace
