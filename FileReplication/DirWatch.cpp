@@ -115,7 +115,7 @@ bool DirWatch::resolve() {
     }
     break;
   }
-  if (error_) log("watching the directory " + path_.str() + " again");
+  if (error_) log(LogPriority::notice, "watching the directory " + path_.str() + " again");
   error_ = 0;
   retryClock_->timeMinIs(Kel::Clock::never);
   if (!watchId_) KEL_TRACE(6, "Waiting for directory " << path_ << " to appear; watching " << waitingOn_);
@@ -126,7 +126,7 @@ void DirWatch::failed(int error) {
   bool const fresh = error != error_;
   error_ = error;
   // Reported once, not at every retry.
-  if (fresh) log(errorText().str());
+  if (fresh) log(LogPriority::error, errorText().str());
   retryClock_->timeMinIs(Kel::now() + retryDelay_);
 }
 
@@ -155,9 +155,10 @@ void DirWatch::onWatchEvent(InotifyEvent const& event) {
     }
     watchId_ = 0;
     KEL_TRACE(6, "Watched directory " << path_ << " is gone");
-    log("the watched directory " + path_.str() + " is gone: its files count as missing until it is back");
+    log(LogPriority::warning,
+        "the watched directory " + path_.str() + " is gone: its files count as missing until it is back");
     resolve();
-    if (watchId_) log("the directory " + path_.str() + " is back: replicating its files");
+    if (watchId_) log(LogPriority::notice, "the directory " + path_.str() + " is back: replicating its files");
     tellAnew();
     return;
   }
@@ -168,7 +169,7 @@ void DirWatch::onWatchEvent(InotifyEvent const& event) {
     return;
   }
   if (resolve() && watchId_) {
-    log("the directory " + path_.str() + " is there: replicating its files");
+    log(LogPriority::notice, "the directory " + path_.str() + " is there: replicating its files");
     tellAnew();
   }
 }

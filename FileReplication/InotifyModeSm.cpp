@@ -241,7 +241,7 @@ void InotifyRequesterConfigSm::handleOverflow() {
   if (overflows == overflowsSeen_) return;
   overflowsSeen_ = overflows;
   KEL_TRACE(6, "Inotify queue overflowed: replicating every file once");
-  log("requester " + name().str() + ": the kernel dropped file change events; replicating every file once");
+  log(LogPriority::warning, "requester " + name().str() + ": the kernel dropped file change events; replicating every file once");
   requesterStatus()->overflowsIs(requesterStatus()->overflows() + 1);
   replicateFiles();
 }

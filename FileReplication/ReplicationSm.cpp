@@ -2,7 +2,10 @@
 
 #include <csignal>
 #include <cstring>
+#include <algorithm>
 #include <iomanip>
+#include <sstream>
+#include <string>
 
 #include "FileReplication/FileReplicationUtils.h"
 #include "FileReplication/Log.h"
@@ -276,6 +279,8 @@ void ReplicationSm::startReplication() {
       return;
     }
     SM_TRACE(": Deleting file");
+    log(LogPriority::notice, "deleting the copies of " + path().str() + " (" + dstPath().str() + hostsText() +
+                                 "): the source is missing");
     replicationCmdIs(Commands::deleteFile(remoteHostsString(), dstPath(), requesterConfig_->sshOptions()));
   } else {
     // A source we cannot look at may well be there: its copy must not be
@@ -283,7 +288,7 @@ void ReplicationSm::startReplication() {
     char text[128];
     Kel::String const why = Kel::String("cannot stat the source: ") + strerror_r(error, text, sizeof text);
     SM_TRACE(": " << why);
-    log("cannot replicate " + path().str() + ": " + why.str());
+    log(LogPriority::error, "cannot replicate " + path().str() + ": " + why.str());
     if (fileStatus_) fileStatus_->lastErrorIs(why);
     SM_TRACE(": Changing state to backoff");
     stateIs(backoff);
@@ -340,6 +345,12 @@ void ReplicationSm::handleReplicationCmdSignalCode() {
   // Also called when the reactor is bound, before the child has ended.
   if (replicationCmd_->signalCode() == Kel::ChildSiginfo::notEnded) return;
   bool const success = replicationCmd_->exitStatus() == 0 && replicationCmd_->signalCode() == Kel::ChildSiginfo::exited;
+  if (!success && fileStatus_ && watchError_.empty()) {
+    // Replicate's own lines, on the agent's standard error, say more.
+    fileStatus_->lastErrorIs(replicationCmd_->signalCode() == Kel::ChildSiginfo::exited
+                                 ? "Replicate exited with status " + std::to_string(replicationCmd_->exitStatus())
+                                 : "Replicate was killed by signal " + std::to_string(replicationCmd_->exitStatus()));
+  }
   replicationCmdIs(nullptr);
   kelReplicationTimeoutClock_->timeMinIs(never);
   if (success) {
@@ -395,6 +406,12 @@ void ReplicationSm::handleReplicationTimeout() {
     SM_TRACE(": Missing source settled");
     startReplication();
   } else if (state_ == replicating || state_ == queued) {
+    if (replicationCmd_) {
+      std::ostringstream why;
+      why << "killed after its replicationTimeout of " << replicationTimeout() << " s";
+      if (fileStatus_ && watchError_.empty()) fileStatus_->lastErrorIs(why.str());
+      log(LogPriority::warning, "the run for " + path().str() + " was " + why.str());
+    }
     SM_TRACE(": Changing state to backoff");
     stateIs(backoff);
     stopReplication();
@@ -426,10 +443,37 @@ void ReplicationSm::updateFileStatus(FileStatus::Status status) {
   SM_TRACE("Updating status of " << path() << " to " << status);
   // Copied, but what happens to it next cannot be seen.
   fileStatus_->statusIs(status == FileStatus::synchronized && !watchError_.empty() ? FileStatus::failed : status);
+  if (status == FileStatus::failed || status == FileStatus::synchronized) reportOutcome(status);
   if (status == FileStatus::synchronized) {
     fileStatus_->lastSynchronizedIs(Kel::now());
     SM_TRACE(path() << " is synced at: " << std::setprecision(12) << fileStatus_->lastSynchronized());
   }
+}
+
+// One line when a file starts failing, one when it reaches the requester's
+// syncErrorThreshold (the one to alert on) and one when it is back: a file
+// failing run after run does not fill the log.
+void ReplicationSm::reportOutcome(FileStatus::Status status) {
+  std::uint32_t const before = fileStatus_->failuresInRow();
+  if (status == FileStatus::synchronized) {
+    fileStatus_->failuresInRowIs(0);
+    if (before > 0) log(LogPriority::notice, path().str() + " is synchronized again");
+    return;
+  }
+  fileStatus_->failuresInRowIs(before + 1);
+  auto const threshold = std::uint32_t(std::max(1, requesterConfig_->syncErrorThreshold()));
+  std::string const why = fileStatus_->lastError().empty() ? "" : ": " + fileStatus_->lastError().str();
+  if (before + 1 == threshold) {
+    std::string const times = threshold == 1 ? "" : " " + std::to_string(threshold) + " runs in a row";
+    log(LogPriority::error, path().str() + " failed" + times + why);
+  } else if (before == 0) {
+    log(LogPriority::warning, path().str() + " failed" + why);
+  }
+}
+
+std::string ReplicationSm::hostsText() const {
+  std::string const hosts = remoteHostsString().str();
+  return hosts.empty() ? std::string() : " on " + hosts;
 }
 
 bool ReplicationSm::sourceReplacedDuringRun() {

@@ -82,6 +82,9 @@ class ReplicationSm : public Kel::Entity {
   // A failed run whose source was renamed away or over while it ran: the
   // failure says nothing of the hosts, once.
   bool sourceReplacedDuringRun();
+  void reportOutcome(FileStatus::Status status);
+  // " on HOSTS", or nothing for a local copy.
+  std::string hostsText() const;
 
   void handleInitialized();
   void handleEnabled();

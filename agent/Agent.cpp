@@ -5,7 +5,9 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -20,6 +22,8 @@
 #include "agent/ConfigFile.h"
 #include "agent/ControlServer.h"
 #include "agent/HostStates.h"
+#include "agent/OperatorLog.h"
+#include "agent/TimeText.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/ChildManager.h"
 #include "runtime/FileDescriptor.h"
@@ -41,7 +45,6 @@ constexpr double reloadDelay = 0.2;
 // is tried again.
 constexpr double watchRetryDelay = 10;
 
-void say(std::string const& message) { std::cerr << "filerep: " << message << std::endl; }
 
 sigset_t handledSignals() {
   sigset_t set;
@@ -85,12 +88,16 @@ std::string stateText(ReplicationSm::State state) {
 
 nlohmann::json hostStatus(HostStates::Host const& host) {
   static char const* const states[] = {"unknown", "up", "down"};
-  auto const seconds = [](double t) { return t > 0 ? nlohmann::json(t) : nlohmann::json(nullptr); };
-  nlohmann::json status = {{"state", states[int(host.state)]},
-                           {"since", host.state == HostStates::State::unknown ? nullptr : seconds(host.since)},
-                           {"lastSuccess", seconds(host.lastSuccess)}};
+  nlohmann::json status = {{"state", states[int(host.state)]}};
+  putTime(status, "since", host.state == HostStates::State::unknown ? 0 : host.since);
+  putTime(status, "lastSuccess", host.lastSuccess);
   if (!host.error.empty()) status["lastError"] = host.error;
   return status;
+}
+
+// A file that failed this many runs in a row is one to alert on.
+std::uint32_t alertThreshold(FileReplication::RequesterConfig const& requester) {
+  return std::uint32_t(std::max(1, requester.syncErrorThreshold()));
 }
 
 nlohmann::json error(std::string message) { return {{"ok", false}, {"error", std::move(message)}}; }
@@ -104,10 +111,10 @@ class Agent::SignalReactor : public Kel::FileDescriptor::NotifieeConst {
     signalfd_siginfo info;
     while (read(notifier()->descriptor(), &info, sizeof info) == sizeof info) {
       if (info.ssi_signo == SIGHUP) {
-        say("SIGHUP: reloading the configuration");
+        say(LogPriority::notice, "SIGHUP: reloading the configuration");
         agent_->reload();
       } else {
-        say(std::string(strsignal(int(info.ssi_signo))) + ": shutting down");
+        say(LogPriority::notice, std::string(strsignal(int(info.ssi_signo))) + ": shutting down");
         agent_->stop();
       }
     }
@@ -143,7 +150,7 @@ class Agent::ReloadTimer : public Kel::Clock::NotifieeConst {
  public:
   explicit ReloadTimer(Agent* agent) : agent_(agent) {}
   void onTime() override {
-    say("the configuration file changed: reloading");
+    say(LogPriority::notice, "the configuration file changed: reloading");
     agent_->reload();
   }
 
@@ -166,16 +173,14 @@ class Agent::WatchdogTimer : public Kel::Clock::NotifieeConst {
 };
 
 Agent::Agent(Options options) : options_(std::move(options)) {
-  // What the operator must act on is logged whatever KEL_TRACE asks for.
-  char const* const trace = std::getenv("KEL_TRACE");
-  Kel::traceConfigIs(std::string("filerep/1") + (trace && *trace ? std::string(",") + trace : std::string()));
+  operatorLogIs(options_.logLevel);
   ParsedConfig parsed = parseConfigFile(options_.configPath);
   if (!parsed.ok()) {
     std::string all;
     for (auto const& e : parsed.errors) all += e + "\n";
     throw std::runtime_error("the configuration is not valid:\n" + all);
   }
-  for (auto const& w : parsed.warnings) say("warning: " + w);
+  for (auto const& w : parsed.warnings) say(LogPriority::warning, "warning: " + w);
   if (!options_.traceFile.empty()) Morlix::open(options_.traceFile);
   // Without it every file would fail, each with no more than an exit status.
   auto const replicate = ensureReplicateOnPath();
@@ -183,7 +188,7 @@ Agent::Agent(Options options) : options_(std::move(options)) {
     throw std::runtime_error("cannot find Replicate: it is not on PATH, nor installed beside filerep (" +
                              std::string(replicateDirectories) + ")");
   }
-  if (!replicate->empty()) say("using the bundled Replicate in " + *replicate);
+  if (!replicate->empty()) say(LogPriority::info, "using the bundled Replicate in " + *replicate);
 
   // Blocked so that they arrive through the loop; children get a clean mask.
   sigset_t set = handledSignals();
@@ -204,7 +209,7 @@ Agent::Agent(Options options) : options_(std::move(options)) {
   configSm_ = FileReplication::configSmFactory(config_, status_);
   apply(parsed.config);
   try {
-    hostStates_ = std::make_unique<HostStates>(config_, HostStates::Hooks{say, [this](Kel::Name requester) {
+    hostStates_ = std::make_unique<HostStates>(config_, HostStates::Hooks{[](LogPriority p, std::string const& line) { say(p, line); }, [this](Kel::Name requester) {
                                                  if (auto sm = configSm_->requesterConfigSm(requester)) {
                                                    FileReplication::RequesterConfigSmBase::operations().invoke(
                                                        *sm, "replicateFiles");
@@ -212,14 +217,14 @@ Agent::Agent(Options options) : options_(std::move(options)) {
                                                }});
   } catch (std::runtime_error const& e) {
     // Replication goes on; only the hosts' states are not known.
-    say(std::string("the states of remote hosts cannot be followed: ") + e.what());
+    say(LogPriority::error, std::string("the states of remote hosts cannot be followed: ") + e.what());
   }
 
   std::filesystem::path const configPath = std::filesystem::absolute(options_.configPath);
   reloadTimer_ = new ReloadTimer(this);
   reloadTimer_->notifierIs(Kel::activityManager()->clock());
   watcher_ = std::make_unique<ConfigFileWatcher>(this, configPath);
-  say("running with " + std::to_string(config_->requesters()) + " requesters from " + options_.configPath);
+  say(LogPriority::notice, "running with " + std::to_string(config_->requesters()) + " requesters from " + options_.configPath);
   // Ready once the first configuration is applied, so that whatever is
   // ordered after the service finds it replicating.
   systemd_.send("READY=1\nSTATUS=" + summary());
@@ -263,10 +268,11 @@ bool Agent::reload() {
   ParsedConfig parsed = parseConfigFile(options_.configPath);
   bool const valid = parsed.ok();
   if (!valid) {
-    say("the new configuration is not valid; the running one stays as it was:");
-    for (auto const& e : parsed.errors) std::cerr << e << std::endl;
+    say(LogPriority::error, "the new configuration is not valid; the running one stays as it was:");
+    for (auto const& e : parsed.errors) say(LogPriority::error, e);
   } else {
-    for (auto const& w : parsed.warnings) say("warning: " + w);
+    say(LogPriority::notice, "reloaded the configuration");
+    for (auto const& w : parsed.warnings) say(LogPriority::warning, "warning: " + w);
     apply(parsed.config);
   }
   systemd_.send("READY=1\nSTATUS=" + summary());
@@ -288,7 +294,7 @@ std::string Agent::summary() const {
 
 void Agent::apply(AgentConfig const& settings) {
   Kel::activityManager()->children().maxRunningIs(settings.maxConcurrentReplications);
-  for (auto const& line : applyConfig(settings, *config_)) say(line);
+  for (auto const& line : applyConfig(settings, *config_)) say(LogPriority::error, line);
   if (hostStates_) hostStates_->configChanged();
 }
 
@@ -296,6 +302,7 @@ void Agent::reloadSoon() { reloadTimer_->timeMinIs(Kel::now() + reloadDelay); }
 
 nlohmann::json Agent::status() const {
   nlohmann::json requesters = nlohmann::json::object();
+  std::size_t alerting = 0;
   for (auto const& [name, rc] : config_->requester()) {
     auto rs = status_->requester(name);
     auto sm = configSm_->requesterConfigSm(name);
@@ -309,15 +316,22 @@ nlohmann::json Agent::status() const {
       if (known) statusText << fs->status();
       file["status"] = known ? nlohmann::json(statusText.str()) : nlohmann::json(nullptr);
       file["state"] = stateText(rsm ? rsm->state() : ReplicationSm::disabled);
-      file["lastSynchronized"] =
-          fs && fs->lastSynchronized() > 0 ? nlohmann::json(fs->lastSynchronized()) : nlohmann::json(nullptr);
+      file["dstPath"] = fc->dstPath().str();
+      putTime(file, "lastSynchronized", fs ? fs->lastSynchronized() : 0);
       if (fs && !fs->lastError().empty()) file["lastError"] = fs->lastError().str();
+      bool const backingOff = rsm && rsm->state() == ReplicationSm::backoff;
+      putTime(file, "nextRetry", backingOff ? rsm->backoffTime() : 0);
+      std::uint32_t const failures = fs ? fs->failuresInRow() : 0;
+      file["failuresInRow"] = failures;
+      file["alerting"] = failures >= alertThreshold(*rc);
+      alerting += failures >= alertThreshold(*rc);
       files[path.str()] = std::move(file);
     }
     nlohmann::json requester = {
         {"mode", rc->mode() == FileReplication::RequesterConfig::inotify ? "inotify" : "periodic"},
         {"enabled", rc->enabled()},
         {"overflows", rs ? rs->overflows() : 0},
+        {"syncErrorThreshold", alertThreshold(*rc)},
         {"files", std::move(files)}};
     if (auto unwatched = unwatchedDirectories(sm.ptr()); !unwatched.empty()) requester["unwatched"] = unwatched;
     nlohmann::json hosts = nlohmann::json::object();
@@ -327,7 +341,7 @@ nlohmann::json Agent::status() const {
     requester["hosts"] = std::move(hosts);
     requesters[name.str()] = std::move(requester);
   }
-  return {{"requesters", std::move(requesters)}};
+  return {{"requesters", std::move(requesters)}, {"alerting", alerting}};
 }
 
 nlohmann::json Agent::handle(nlohmann::json const& request) {

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "FileReplication/FileReplicationSm.h"
+#include "FileReplication/Log.h"
 #include "agent/AgentConfig.h"
 #include "agent/SystemdNotify.h"
 #include "entities/Config.h"
@@ -27,6 +28,8 @@ class Agent {
     std::string configPath;
     std::string socketPath;
     std::string traceFile;
+    // Lines of the log below this are left out.
+    FileReplication::LogPriority logLevel = FileReplication::LogPriority::info;
   };
 
   // Reads the configuration and starts everything; throws std::runtime_error

@@ -167,7 +167,7 @@ void HostStates::refresh(std::string const& host) {
 
 void HostStates::changed(std::string const& host, Host const& before, Host const& after) {
   if (after.state == State::down && before.state != State::down) {
-    hooks_.say("host " + host + " is down" + (after.error.empty() ? "" : ": " + after.error));
+    hooks_.say(FileReplication::LogPriority::warning, "host " + host + " is down" + (after.error.empty() ? "" : ": " + after.error));
     return;
   }
   // Up since a later time: it went down and came back between two looks.
@@ -178,7 +178,7 @@ void HostStates::changed(std::string const& host, Host const& before, Host const
   if (before.state == State::down && before.since > 0 && after.since >= before.since) {
     line += " after " + duration(after.since - before.since) + " down";
   }
-  hooks_.say(line + ": replicating every file of its requesters");
+  hooks_.say(FileReplication::LogPriority::notice, line + ": replicating every file of its requesters");
   for (auto const& [name, rc] : config_->requester()) {
     if (rc->enabled() && rc->remoteHost(Kel::String(host))) hooks_.replicateAll(name);
   }

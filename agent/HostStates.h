@@ -5,6 +5,7 @@
 #include <string>
 
 #include "FileReplication/DirWatch.h"
+#include "FileReplication/Log.h"
 #include "entities/Config.h"
 #include "runtime/ChildSiginfo.h"
 #include "runtime/Clock.h"
@@ -33,7 +34,7 @@ class HostStates : private FileReplication::DirWatch::Listener {
   };
   struct Hooks {
     // A line for the operator.
-    std::function<void(std::string const&)> say;
+    std::function<void(FileReplication::LogPriority, std::string const&)> say;
     // Replicates every file of the requester once.
     std::function<void(Kel::Name)> replicateAll;
   };

@@ -69,6 +69,8 @@ std::string timeText(double t, char const* format = "%Y-%m-%d %H:%M:%S") {
 }
 
 std::string age(double seconds) {
+  // The agent's clock and ours may differ by a little.
+  if (seconds < 0 && seconds > -1) seconds = 0;
   if (!(seconds >= 0)) return "in the future";
   auto const s = static_cast<std::int64_t>(seconds);
   if (s < 60) return std::to_string(s) + "s ago";
@@ -96,7 +98,13 @@ Row fileRow(std::string const& path, nlohmann::json const& file, std::string con
   if (!status.is_string() && !status.is_null()) malformed(where, "status", "a string or null");
   if (!state.is_string()) malformed(where, "state", "a string");
   if (!last.is_number() && !last.is_null()) malformed(where, "lastSynchronized", "a number or null");
-  Row row{escaped(path), status.is_null() ? "-" : escaped(status.get_ref<std::string const&>()),
+  nlohmann::json const& dstPath = field(file, "dstPath");
+  if (!dstPath.is_string() && !dstPath.is_null()) malformed(where, "dstPath", "a string");
+  std::string shown = escaped(path);
+  if (dstPath.is_string() && dstPath.get_ref<std::string const&>() != path) {
+    shown += " -> " + escaped(dstPath.get_ref<std::string const&>());
+  }
+  Row row{shown, status.is_null() ? "-" : escaped(status.get_ref<std::string const&>()),
           escaped(state.get_ref<std::string const&>()), "never", ""};
   if (last.is_number()) {
     double const t = last.get<double>();
@@ -134,6 +142,27 @@ std::string hostLine(std::string const& name, nlohmann::json const& host, std::s
   return line;
 }
 
+// Why a file is not synchronised and when it is tried again; empty when
+// there is nothing to say.
+std::string fileDetail(nlohmann::json const& file, std::string const& where, double now) {
+  nlohmann::json const& lastError = field(file, "lastError");
+  nlohmann::json const& nextRetry = field(file, "nextRetry");
+  nlohmann::json const& failures = field(file, "failuresInRow");
+  if (!lastError.is_string() && !lastError.is_null()) malformed(where, "lastError", "a string");
+  if (!nextRetry.is_number() && !nextRetry.is_null()) malformed(where, "nextRetry", "a number or null");
+  if (!(failures.is_number_integer() && failures.get<std::int64_t>() >= 0) && !failures.is_null()) {
+    malformed(where, "failuresInRow", "a whole number");
+  }
+  std::string detail;
+  auto const add = [&](std::string const& part) { detail += (detail.empty() ? "" : "; ") + part; };
+  if (lastError.is_string()) add(escaped(lastError.get_ref<std::string const&>()));
+  if (failures.is_number_integer() && failures.get<std::int64_t>() > 1) {
+    add(std::to_string(failures.get<std::int64_t>()) + " failed runs in a row");
+  }
+  if (nextRetry.is_number()) add("next try " + shortTime(nextRetry.get<double>(), now));
+  return detail;
+}
+
 void appendRow(std::string& out, Row const& row, std::array<std::size_t, columns> const& widths) {
   out += "  ";
   for (std::size_t i = 0; i < columns; ++i) {
@@ -155,7 +184,7 @@ std::string statusTable(nlohmann::json const& status, double now) {
   // A header line per requester, then its rows; all rows first, so that
   // column widths span the whole table. nlohmann::json keeps object members
   // sorted by key, which gives the order.
-  std::vector<std::pair<std::string, std::vector<Row>>> blocks;
+  std::vector<std::pair<std::string, std::vector<std::pair<Row, std::string>>>> blocks;
   std::array<std::size_t, columns> widths{};
   for (std::size_t i = 0; i < columns; ++i) widths[i] = displayWidth(titles[i]);
   for (auto const& [name, requester] : requesters.items()) {
@@ -181,11 +210,12 @@ std::string statusTable(nlohmann::json const& status, double now) {
     nlohmann::json const& hosts = field(requester, "hosts");
     if (!hosts.is_null() && !hosts.is_object()) malformed(where, "hosts", "an object");
     for (auto const& [host, state] : hosts.items()) header += "\n" + hostLine(host, state, where, now);
-    std::vector<Row> rows;
+    std::vector<std::pair<Row, std::string>> rows;
     rows.reserve(files.size());
     for (auto const& [path, file] : files.items()) {
-      rows.push_back(fileRow(path, file, where + " file \"" + escaped(path) + "\"", now));
-      for (std::size_t i = 0; i < columns; ++i) widths[i] = std::max(widths[i], displayWidth(rows.back()[i]));
+      std::string const at = where + " file \"" + escaped(path) + "\"";
+      rows.emplace_back(fileRow(path, file, at, now), fileDetail(file, at, now));
+      for (std::size_t i = 0; i < columns; ++i) widths[i] = std::max(widths[i], displayWidth(rows.back().first[i]));
     }
     blocks.emplace_back(std::move(header), std::move(rows));
   }
@@ -197,7 +227,10 @@ std::string statusTable(nlohmann::json const& status, double now) {
     out += '\n';
     if (rows.empty()) continue;
     appendRow(out, titles, widths);
-    for (Row const& row : rows) appendRow(out, row, widths);
+    for (auto const& [row, detail] : rows) {
+      appendRow(out, row, widths);
+      if (!detail.empty()) out += "    " + detail + "\n";
+    }
   }
   return out;
 }

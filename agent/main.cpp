@@ -7,6 +7,7 @@
 #include "agent/Agent.h"
 #include "agent/ConfigFile.h"
 #include "agent/ControlClient.h"
+#include "agent/OperatorLog.h"
 #include "agent/SocketPath.h"
 #include "agent/StatusView.h"
 #include "runtime/Morlix.h"
@@ -17,7 +18,7 @@ constexpr char const* description = R"(NAME
     filerep - keep files replicated to remote hosts
 
 SYNOPSIS
-    filerep run --config FILE [--socket PATH] [--trace-file PATH]
+    filerep run --config FILE [--socket PATH] [--trace-file PATH] [--log-level LEVEL]
     filerep check --config FILE
     filerep status [--json] [--socket PATH]
     filerep replicate REQUESTER [PATH] [--socket PATH]
@@ -47,16 +48,18 @@ ENVIRONMENT
 
 EXIT STATUS
     0 on success, 1 on an error (invalid configuration, no agent running,
-    unknown requester or file), 2 on a malformed command line.)";
+    unknown requester or file), 2 on a malformed command line; status
+    exits 2 while a file has failed syncErrorThreshold runs in a row.)";
 
 int fail(std::string const& message) {
   std::cerr << "filerep: " << message << std::endl;
   return 1;
 }
 
-int runAgent(std::string const& config, std::string const& socket, std::string const& traceFile) {
+int runAgent(std::string const& config, std::string const& socket, std::string const& traceFile,
+             std::string const& logLevel) {
   try {
-    Agent::Agent agent({config, socket, traceFile});
+    Agent::Agent agent({config, socket, traceFile, *Agent::logPriorityNamed(logLevel)});
     agent.run();
   } catch (std::exception const& e) {
     return fail(e.what());
@@ -82,8 +85,13 @@ int ask(std::string const& socket, nlohmann::json const& request, bool json) {
       if (json) {
         std::cout << reply.dump(2) << std::endl;
       } else {
-        std::cout << Agent::statusTable(reply, double(std::time(nullptr)));
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        std::cout << Agent::statusTable(reply, double(now.tv_sec) + double(now.tv_nsec) / 1e9);
       }
+      // As a monitoring check reads it: critical while a file is over its
+      // requester's syncErrorThreshold.
+      if (reply.value("alerting", 0) > 0) return 2;
     } else if (reply.contains("note")) {
       std::cerr << "filerep: " << reply["note"].get<std::string>() << std::endl;
     }
@@ -119,6 +127,10 @@ int main(int argc, char** argv) {
   run->add_option("--config", config, "The configuration file (YAML)")->required();
   run->add_option("--socket", socket, "The control socket")->capture_default_str();
   run->add_option("--trace-file", traceFile, "Record every trace statement in this ring buffer");
+  std::string logLevel = "info";
+  run->add_option("--log-level", logLevel, "Leave out log lines below this: error, warning, notice or info")
+      ->check([](std::string const& v) { return Agent::logPriorityNamed(v) ? "" : "expected error, warning, notice or info"; })
+      ->capture_default_str();
 
   auto* checkCommand =
       app.add_subcommand("check", "Check a configuration file: print every error and warning, exit 1 if any error.");
@@ -147,7 +159,7 @@ int main(int argc, char** argv) {
     return app.exit(e) == 0 ? 0 : 2;
   }
 
-  if (*run) return runAgent(config, socket, traceFile);
+  if (*run) return runAgent(config, socket, traceFile, logLevel);
   if (*checkCommand) return check(config);
   if (*status) return ask(socket, {{"command", "status"}}, json);
   if (*replicate) {

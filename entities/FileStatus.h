@@ -20,6 +20,7 @@ class FileStatus : public Kel::Entity {
     virtual void onStatus() {}
     virtual void onLastSynchronized() {}
     virtual void onLastError() {}
+    virtual void onFailuresInRow() {}
   };
   using Notifiee = NotifieeConst;
 
@@ -35,10 +36,17 @@ class FileStatus : public Kel::Entity {
   void lastSynchronizedIs(double v) {
     if (Kel::changed(lastSynchronized_, v)) notify(&NotifieeConst::onLastSynchronized);
   }
-  // Why the last run failed without a run of Replicate; empty otherwise.
+  // Why the last run failed, in one line; empty after a run that did not.
   Kel::String const& lastError() const { return lastError_; }
   void lastErrorIs(Kel::String const& v) {
     if (Kel::changed(lastError_, v)) notify(&NotifieeConst::onLastError);
+  }
+
+  // Runs that failed since the last success: what alerting looks at, as one
+  // failure is often a passing one.
+  std::uint32_t failuresInRow() const { return failuresInRow_; }
+  void failuresInRowIs(std::uint32_t v) {
+    if (Kel::changed(failuresInRow_, v)) notify(&NotifieeConst::onFailuresInRow);
   }
 
  protected:
@@ -49,6 +57,7 @@ class FileStatus : public Kel::Entity {
   Status status_ = unknown;
   double lastSynchronized_ = 0;
   Kel::String lastError_;
+  std::uint32_t failuresInRow_ = 0;
 };
 
 std::ostream& operator<<(std::ostream& o, FileStatus::Status status);

@@ -148,7 +148,7 @@ TEST(AgentE2e, ManyFilesShareFewRunsAndAFailedCopyFailsOnlyItsFile) {
   std::string const broken = "d7/f42";
   std::filesystem::create_directories(d / "dst/" + broken + "/in-the-way");
   std::string text = "maxConcurrentReplications: 2\nrequesters:\n  web:\n    mode: inotify\n"
-                     "    retryInterval: 600\n    files:\n";
+                     "    retryInterval: 600\n    syncErrorThreshold: 1\n    files:\n";
   for (auto const& name : names) text += "      - {path: " + (d / "src/" + name) + ", dstPath: " + (d / "dst/" + name) + "}\n";
   writeFile(d / "filerep.yaml", text);
   AgentProcess agent(d / "filerep.yaml", d / "filerep.sock",
@@ -173,6 +173,12 @@ TEST(AgentE2e, ManyFilesShareFewRunsAndAFailedCopyFailsOnlyItsFile) {
   }
   std::string const runs = readFile(d / "runs");
   EXPECT_LT(std::count(runs.begin(), runs.end(), '\n'), 40) << "files due together share runs";
+  // Over its syncErrorThreshold: a health check's critical, and the log says so once.
+  auto const table = runCommand({FILEREP_PROGRAM, "status", "--socket", d / "filerep.sock"});
+  EXPECT_EQ(2, table.status);
+  EXPECT_NE(std::string::npos, table.out.find("\n    Replicate exited with status 1; next try ")) << table.out;
+  EXPECT_NE(std::string::npos, agent.log().find(d / "src/" + broken + " failed: Replicate exited with status 1"))
+      << agent.log();
 }
 
 TEST(AgentE2e, CommandLineErrorsAreClearAndExitNonZero) {

@@ -38,7 +38,8 @@ std::string configText(std::vector<Requester> const& requesters) {
 // Through the command line, as an operator or a monitoring script sees it.
 nlohmann::json statusOf(AgentProcess const& agent) {
   ProcessResult const result = runCommand({FILEREP_PROGRAM, "status", "--json", "--socket", agent.socket()});
-  if (result.status != 0) return nullptr;
+  // 2 is a status too: one with a file to alert on.
+  if (result.status != 0 && result.status != 2) return nullptr;
   nlohmann::json status = nlohmann::json::parse(result.out, nullptr, false);
   return status.is_discarded() ? nullptr : status;
 }

@@ -55,7 +55,7 @@ class HostStatesIntegration : public FileReplication::SmTest {
 
   HostStates& make() {
     states_ = std::make_unique<HostStates>(
-        config_, HostStates::Hooks{[this](std::string const& line) { said_.push_back(line); },
+        config_, HostStates::Hooks{[this](FileReplication::LogPriority, std::string const& line) { said_.push_back(line); },
                                    [this](Kel::Name requester) { replicated_.push_back(requester.str()); }});
     return *states_;
   }

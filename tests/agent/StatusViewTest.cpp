@@ -42,6 +42,9 @@ json file(json status, char const* state, json lastSynchronized) {
 }
 
 TEST_F(StatusViewTest, RendersSortedAlignedRowsWithAges) {
+  json failing = file("failed", "backoff", now - 330);
+  failing.update({{"dstPath", "/bak/c"}, {"lastError", "Replicate exited with status 1"}, {"failuresInRow", 4},
+                  {"nextRetry", now + 8}});
   json const status = {
       {"ok", true},
       {"requesters",
@@ -54,15 +57,18 @@ TEST_F(StatusViewTest, RendersSortedAlignedRowsWithAges) {
             {"/srv/b", file("synchronized", "standby", now - 12)},
             {"/srv/a", file(nullptr, "queued", nullptr)},
             {"/srv/d", file("inProgress", "replicating", now - 3 * 3600 - 100)},
-            {"/srv/c", file("failed", "backoff", now - 330)}}}}}}}};
+            {"/srv/c", failing},
+            {"/srv/f", file("synchronized", "standby", now + 0.4)}}}}}}}};
   EXPECT_EQ(Agent::statusTable(status, now),
-            "alpha: periodic, enabled, 5 files\n"
-            "  PATH    STATUS        STATE        LAST SYNCHRONIZED    AGE\n"
-            "  /srv/a  -             queued       never\n"
-            "  /srv/b  synchronized  standby      2023-11-14 22:13:08  12s ago\n"
-            "  /srv/c  failed        backoff      2023-11-14 22:07:50  5m ago\n"
-            "  /srv/d  inProgress    replicating  2023-11-14 19:11:40  3h ago\n"
-            "  /srv/e  synchronized  standby      2023-11-12 22:13:15  2d ago\n"
+            "alpha: periodic, enabled, 6 files\n"
+            "  PATH              STATUS        STATE        LAST SYNCHRONIZED    AGE\n"
+            "  /srv/a            -             queued       never\n"
+            "  /srv/b            synchronized  standby      2023-11-14 22:13:08  12s ago\n"
+            "  /srv/c -> /bak/c  failed        backoff      2023-11-14 22:07:50  5m ago\n"
+            "    Replicate exited with status 1; 4 failed runs in a row; next try 22:13:28\n"
+            "  /srv/d            inProgress    replicating  2023-11-14 19:11:40  3h ago\n"
+            "  /srv/e            synchronized  standby      2023-11-12 22:13:15  2d ago\n"
+            "  /srv/f            synchronized  standby      2023-11-14 22:13:20  0s ago\n"
             "\n"
             "beta: inotify, disabled, 0 files\n");
   EXPECT_EQ(Agent::statusTable(json{{"requesters", json::object()}}, now), "no requesters\n");

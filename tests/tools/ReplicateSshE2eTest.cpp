@@ -99,7 +99,7 @@ TEST(ReplicateSshE2e, CopiesToLiveHostsAtOnceAndLeavesADeadOneAlone) {
   std::filesystem::copy_file(sshd.directory() + "/client_key", keys + "/key");
   const std::string ssh = "-F /dev/null -p " + std::to_string(sshd.port()) + " -i \"" + keys +
                           "/key\" -o IdentitiesOnly=yes -o StrictHostKeyChecking=no -o UserKnownHostsFile=/dev/null"
-                          " -o LogLevel=ERROR -o ConnectTimeout=3";
+                          " -o LogLevel=ERROR -o ConnectTimeout=6";
   const std::string target = directory / "copies/file";
   const auto copy = [&] {
     return runReplicate({"--cmd", "rsyncFile", "--remoteHosts", "127.0.0.2,127.0.0.1", "--sshOptions", ssh,
@@ -113,16 +113,17 @@ TEST(ReplicateSshE2e, CopiesToLiveHostsAtOnceAndLeavesADeadOneAlone) {
   const auto end = std::chrono::system_clock::now();
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err,
-            "Replicate: host 127.0.0.2: 127.0.0.2 did not answer within 3 s: it is down or a firewall drops the "
+            "Replicate: host 127.0.0.2: 127.0.0.2 did not answer within 6 s: it is down or a firewall drops the "
             "traffic\n");
   EXPECT_EQ(readFile(target), "first") << sshd.log();
-  EXPECT_LT(modified(target) - start, 2s) << "the live host waited for the dead one";
+  // Well before the dead host's time-out, even on a loaded machine.
+  EXPECT_LT(modified(target) - start, 5s) << "the live host waited for the dead one";
   expectState(runtime.state("127.0.0.1"), "state up\nsince ([0-9]+)\nlastSuccess \\1\nfailures 0\nnextTry 0\nerror \n",
               secondsOf(start), secondsOf(end));
   const std::string down = runtime.state("127.0.0.2");
   expectState(down,
               "state down\nsince ([0-9]+)\nlastSuccess 0\nfailures 1\nnextTry ([0-9]+)\nerror 127.0.0.2 did not "
-              "answer within 3 s: it is down or a firewall drops the traffic\n",
+              "answer within 6 s: it is down or a firewall drops the traffic\n",
               secondsOf(start), secondsOf(end));
 
   // The dead host is left alone until well after its next try.
@@ -130,7 +131,7 @@ TEST(ReplicateSshE2e, CopiesToLiveHostsAtOnceAndLeavesADeadOneAlone) {
   const auto again = std::chrono::steady_clock::now();
   result = copy();
   EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_LT(std::chrono::steady_clock::now() - again, 3s);
+  EXPECT_LT(std::chrono::steady_clock::now() - again, 5s);
   EXPECT_EQ(readFile(target), "second");
   EXPECT_EQ(runtime.state("127.0.0.2"), down);
 
