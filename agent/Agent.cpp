@@ -23,6 +23,7 @@
 #include "agent/ControlServer.h"
 #include "agent/HostStates.h"
 #include "agent/OperatorLog.h"
+#include "agent/Progress.h"
 #include "agent/TimeText.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/ChildManager.h"
@@ -295,6 +296,7 @@ std::string Agent::summary() const {
 void Agent::apply(AgentConfig const& settings) {
   Kel::activityManager()->children().maxRunningIs(settings.maxConcurrentReplications);
   for (auto const& line : applyConfig(settings, *config_)) say(LogPriority::error, line);
+  progress_.clear();
   if (hostStates_) hostStates_->configChanged();
 }
 
@@ -307,11 +309,13 @@ nlohmann::json Agent::status() const {
     auto rs = status_->requester(name);
     auto sm = configSm_->requesterConfigSm(name);
     nlohmann::json files = nlohmann::json::object();
+    std::size_t pending = 0;
     for (auto const& [path, fc] : rc->file()) {
       auto fs = rs ? rs->file(path) : nullptr;
       auto rsm = sm ? replicationSmOf(sm.ptr(), path.str()) : nullptr;
       nlohmann::json file;
       bool const known = fs && fs->status() != FileReplication::FileStatus::unknown;
+      pending += !known || fs->status() == FileReplication::FileStatus::inProgress;
       std::ostringstream statusText;
       if (known) statusText << fs->status();
       file["status"] = known ? nlohmann::json(statusText.str()) : nlohmann::json(nullptr);
@@ -334,6 +338,10 @@ nlohmann::json Agent::status() const {
         {"syncErrorThreshold", alertThreshold(*rc)},
         {"files", std::move(files)}};
     if (auto unwatched = unwatchedDirectories(sm.ptr()); !unwatched.empty()) requester["unwatched"] = unwatched;
+    // Only an enabled requester runs anything.
+    std::size_t const total = rc->enabled() ? rc->files() : 0;
+    auto progress = progress_.observe(name.str(), total - std::min(total, pending), total, Kel::now());
+    if (!progress.is_null()) requester["progress"] = std::move(progress);
     nlohmann::json hosts = nlohmann::json::object();
     for (auto const& [text, host] : rc->remoteHost()) {
       hosts[text.str()] = hostStatus(hostStates_ ? hostStates_->host(text.str()) : HostStates::Host());

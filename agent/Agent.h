@@ -9,6 +9,7 @@
 #include "FileReplication/FileReplicationSm.h"
 #include "FileReplication/Log.h"
 #include "agent/AgentConfig.h"
+#include "agent/Progress.h"
 #include "agent/SystemdNotify.h"
 #include "entities/Config.h"
 #include "entities/Status.h"
@@ -80,6 +81,8 @@ class Agent {
   // Null when Replicate's control directory cannot be used.
   std::unique_ptr<HostStates> hostStates_;
   SystemdNotify systemd_;
+  // Updated by status requests, which are const otherwise.
+  mutable Progress progress_;
   Kel::Ptr<WatchdogTimer> watchdog_;
 };
 

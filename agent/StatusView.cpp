@@ -142,6 +142,25 @@ std::string hostLine(std::string const& name, nlohmann::json const& host, std::s
   return line;
 }
 
+// ", 300 of 1204 done, about 2m left" while runs are under way.
+std::string progressText(nlohmann::json const& requester, std::string const& where) {
+  nlohmann::json const& progress = field(requester, "progress");
+  if (progress.is_null()) return {};
+  nlohmann::json const& done = field(progress, "done");
+  nlohmann::json const& total = field(progress, "total");
+  nlohmann::json const& left = field(progress, "secondsLeft");
+  if (!done.is_number_integer() || !total.is_number_integer() || !(left.is_number() || left.is_null())) {
+    malformed(where, "progress", "an object with done, total and secondsLeft");
+  }
+  std::string text = ", " + std::to_string(done.get<std::int64_t>()) + " of " +
+                     std::to_string(total.get<std::int64_t>()) + " done";
+  if (left.is_number()) {
+    std::string const ago = age(left.get<double>());
+    text += ", about " + ago.substr(0, ago.find(" ago")) + " left";
+  }
+  return text;
+}
+
 // Why a file is not synchronised and when it is tried again; empty when
 // there is nothing to say.
 std::string fileDetail(nlohmann::json const& file, std::string const& where, double now) {
@@ -198,7 +217,7 @@ std::string statusTable(nlohmann::json const& status, double now) {
     if (!files.is_object()) malformed(where, "files", "an object");
     std::string header = escaped(name) + ": " + escaped(mode.get_ref<std::string const&>()) + ", " +
                          (enabled.get<bool>() ? "enabled" : "disabled") + ", " + std::to_string(files.size()) +
-                         (files.size() == 1 ? " file" : " files");
+                         (files.size() == 1 ? " file" : " files") + progressText(requester, where);
     // Directories whose changes cannot be seen, and why.
     nlohmann::json const& unwatched = field(requester, "unwatched");
     if (!unwatched.is_null() && !unwatched.is_object()) malformed(where, "unwatched", "an object");

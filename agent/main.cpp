@@ -1,6 +1,7 @@
 // filerep: the agent that keeps files replicated, and its command line.
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <ctime>
 #include <iostream>
 
@@ -20,7 +21,7 @@ constexpr char const* description = R"(NAME
 SYNOPSIS
     filerep run --config FILE [--socket PATH] [--trace-file PATH] [--log-level LEVEL]
     filerep check --config FILE
-    filerep status [--json] [--socket PATH]
+    filerep status [--json | --watch [SECONDS]] [--socket PATH]
     filerep replicate REQUESTER [PATH] [--socket PATH]
     filerep delete-if-not-exist REQUESTER [--socket PATH]
     filerep trace [--file PATH]
@@ -101,6 +102,21 @@ int ask(std::string const& socket, nlohmann::json const& request, bool json) {
   return 0;
 }
 
+// Until interrupted, as watch(1) would show it; ends at once when the agent
+// cannot be asked.
+int watchStatus(std::string const& socket, double seconds) {
+  for (;;) {
+    std::cout << "\x1b[H\x1b[2J";
+    if (ask(socket, {{"command", "status"}}, false) == 1) return 1;
+    std::cout << std::flush;
+    timespec pause{};
+    pause.tv_sec = static_cast<time_t>(seconds);
+    pause.tv_nsec = static_cast<long>((seconds - double(pause.tv_sec)) * 1e9);
+    while (nanosleep(&pause, &pause) != 0 && errno == EINTR) {
+    }
+  }
+}
+
 int trace(std::string const& file) {
   if (file.empty()) return fail("no trace file: give --file or set MORLIX_FILE");
   try {
@@ -137,7 +153,13 @@ int main(int argc, char** argv) {
   checkCommand->add_option("--config", config, "The configuration file (YAML)")->required();
 
   auto* status = app.add_subcommand("status", "Show the status of every requester and file.");
-  status->add_flag("--json", json, "Print JSON");
+  auto* jsonFlag = status->add_flag("--json", json, "Print JSON");
+  double watchSeconds = 0;
+  status->add_option("--watch", watchSeconds, "Show the table again every SECONDS (2 when not given) until Ctrl-C")
+      ->expected(0, 1)
+      ->default_str("2")
+      ->check(CLI::Range(0.1, 3600.0))
+      ->excludes(jsonFlag);
   status->add_option("--socket", socket, "The control socket")->capture_default_str();
 
   auto* replicate = app.add_subcommand("replicate", "Replicate one file of a requester now, or all of them.");
@@ -161,6 +183,7 @@ int main(int argc, char** argv) {
 
   if (*run) return runAgent(config, socket, traceFile, logLevel);
   if (*checkCommand) return check(config);
+  if (*status && status->count("--watch") > 0) return watchStatus(socket, watchSeconds > 0 ? watchSeconds : 2);
   if (*status) return ask(socket, {{"command", "status"}}, json);
   if (*replicate) {
     nlohmann::json request = {{"command", "replicate"}, {"requester", requester}};
