@@ -19,6 +19,7 @@
 
 #include "FileReplication/FileReplicationUtils.h"
 #include "tools/Replicate/HostAddress.h"
+#include "tools/Replicate/ShellWords.h"
 
 namespace Agent {
 
@@ -300,6 +301,7 @@ class Parser {
   void checkWatchable(FileSite const& site);
   bool checkCopiedOntoItself(FileSettings const& f, YAML::Mark const& at);
   void checkSource(FileSettings const& f, YAML::Mark const& at);
+  void checkRsyncOptions(std::string const& text, YAML::Mark const& at);
 
   std::string const& fileName_;
   ParsedConfig result_;
@@ -635,6 +637,7 @@ void Parser::parseFiles(YAML::Node const& files, YAML::Mark const& at, Requester
         if (auto path = parsePath(value, valueAt, k, false)) f.dstPath = std::move(*path);
       } else if (k == "rsyncOptions") {
         if (auto options = readText(value)) {
+          checkRsyncOptions(*options, valueAt);
           f.rsyncOptions = std::move(*options);
         } else {
           error(valueAt, k + " is " + describe(value) + "; expected the options for rsync as one text, like \"-a\"");
@@ -691,6 +694,27 @@ void Parser::checkWatchable(FileSite const& site) {
   } else {
     warning(site.mark, "the directory " + quoted(dir) + " cannot be checked" + why +
                            "the agent may be unable to watch it");
+  }
+}
+
+// Replicate splits the text as a shell would, and chooses the remote shell
+// itself: its own -e comes last and wins, so a user's would be ignored.
+void Parser::checkRsyncOptions(std::string const& text, YAML::Mark const& at) {
+  std::vector<std::string> words;
+  try {
+    words = Replicate::splitShellWords(text);
+  } catch (std::invalid_argument const& e) {
+    error(at, "rsyncOptions " + quoted(text) + " cannot be split into words: " + e.what() +
+                  "; expected options as a shell would split them, like \"-a --partial\"");
+    return;
+  }
+  for (std::string const& w : words) {
+    bool const shortE = w.size() > 1 && w[0] == '-' && w[1] != '-' && w.find('e') != std::string::npos;
+    if (shortE || w.starts_with("--rsh")) {
+      error(at, "rsyncOptions " + quoted(text) + " choose the remote shell (" + quoted(w) +
+                    "); expected ssh settings under ssh: (port, user, identityFile, options)");
+      return;
+    }
   }
 }
 

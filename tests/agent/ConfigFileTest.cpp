@@ -159,6 +159,25 @@ requesters:
   EXPECT_EQ(AgentConfig(), parsed.config) << "nothing of an invalid file is offered for use";
 }
 
+// Each would fail every run, or be ignored without a word.
+TEST(ConfigFileTest, RefusesRsyncOptionsThatCannotWork) {
+  auto const parsed = parseConfigText("requesters:\n"
+                                      "  a:\n"
+                                      "    mode: periodic\n"
+                                      "    files:\n"
+                                      "      - {path: /srv/a, rsyncOptions: \"-a '--partial\"}\n"
+                                      "      - {path: /srv/b, rsyncOptions: \"-avze ssh\"}\n"
+                                      "      - {path: /srv/c, rsyncOptions: \"-a --rsh=ssh\"}\n"
+                                      "      - {path: /srv/d, rsyncOptions: \"-a --exclude=x\"}\n",
+                                      "f.yaml");
+  std::string const useSsh = "; expected ssh settings under ssh: (port, user, identityFile, options)";
+  EXPECT_EQ((Lines{"f.yaml:5:38: rsyncOptions \"-a '--partial\" cannot be split into words: unterminated single quote; "
+                   "expected options as a shell would split them, like \"-a --partial\"",
+                   "f.yaml:6:38: rsyncOptions \"-avze ssh\" choose the remote shell (\"-avze\")" + useSsh,
+                   "f.yaml:7:38: rsyncOptions \"-a --rsh=ssh\" choose the remote shell (\"--rsh=ssh\")" + useSsh}),
+            parsed.errors);
+}
+
 TEST(ConfigFileTest, ReadsDeleteDelay) {
   auto const parsed = parseConfigText("requesters:\n"
                                       "  a: {mode: periodic, deleteDelay: 0}\n"
