@@ -15,11 +15,13 @@
 #include "FileReplication/FileReplicationUtils.h"
 #include "FileReplication/DirWatch.h"
 #include "FileReplication/InotifyModeSm.h"
+#include "FileReplication/InotifyWatches.h"
 #include "FileReplication/PeriodicModeSm.h"
 #include "agent/ConfigApplier.h"
 #include "agent/ConfigFile.h"
 #include "agent/ControlServer.h"
 #include "agent/HostStates.h"
+#include "agent/Metrics.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/ChildManager.h"
 #include "runtime/FileDescriptor.h"
@@ -262,6 +264,8 @@ bool Agent::reload() {
   systemd_.send("RELOADING=1");
   ParsedConfig parsed = parseConfigFile(options_.configPath);
   bool const valid = parsed.ok();
+  ++reloads_;
+  reloadErrors_ += !valid;
   if (!valid) {
     say("the new configuration is not valid; the running one stays as it was:");
     for (auto const& e : parsed.errors) std::cerr << e << std::endl;
@@ -290,6 +294,19 @@ void Agent::apply(AgentConfig const& settings) {
   Kel::activityManager()->children().maxRunningIs(settings.maxConcurrentReplications);
   for (auto const& line : applyConfig(settings, *config_)) say(line);
   if (hostStates_) hostStates_->configChanged();
+}
+
+std::string Agent::metrics() const {
+  auto const* watches = FileReplication::InotifyWatches::current();
+  auto& children = Kel::activityManager()->children();
+  return metricsText({.config = *config_,
+                      .status = *status_,
+                      .hostStates = hostStates_.get(),
+                      .replicateRunning = children.running(),
+                      .replicateWaiting = children.waiting(),
+                      .inotifyWatches = watches ? watches->watches() : 0,
+                      .reloads = reloads_,
+                      .reloadErrors = reloadErrors_});
 }
 
 void Agent::reloadSoon() { reloadTimer_->timeMinIs(Kel::now() + reloadDelay); }
@@ -337,6 +354,7 @@ nlohmann::json Agent::handle(nlohmann::json const& request) {
     reply["ok"] = true;
     return reply;
   }
+  if (command == "metrics") return {{"text", metrics()}};
   std::string const requester = request.at("requester").get<std::string>();
   if (command == "replicate") return replicate(requester, request.contains("path") ? request["path"] : nullptr);
   if (command == "deleteIfNotExist") return deleteIfNotExist(requester);

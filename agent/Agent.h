@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -45,6 +46,8 @@ class Agent {
   bool reload();
 
   nlohmann::json status() const;
+  // In the Prometheus text format.
+  std::string metrics() const;
   // A control request, already checked for shape by the server.
   nlohmann::json handle(nlohmann::json const& request);
 
@@ -78,6 +81,8 @@ class Agent {
   std::unique_ptr<HostStates> hostStates_;
   SystemdNotify systemd_;
   Kel::Ptr<WatchdogTimer> watchdog_;
+  std::uint64_t reloads_ = 0;
+  std::uint64_t reloadErrors_ = 0;
 };
 
 // Makes sure a Replicate program can be found: PATH is left exactly as it is

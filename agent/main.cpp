@@ -20,6 +20,7 @@ SYNOPSIS
     filerep run --config FILE [--socket PATH] [--trace-file PATH]
     filerep check --config FILE
     filerep status [--json] [--socket PATH]
+    filerep metrics [--socket PATH]
     filerep replicate REQUESTER [PATH] [--socket PATH]
     filerep delete-if-not-exist REQUESTER [--socket PATH]
     filerep trace [--file PATH]
@@ -77,7 +78,9 @@ int ask(std::string const& socket, nlohmann::json const& request, bool json) {
   try {
     nlohmann::json reply = Agent::request(socket, request);
     if (!reply.value("ok", false)) return fail(reply.value("error", std::string("the agent refused the request")));
-    if (request["command"] == "status") {
+    if (request["command"] == "metrics") {
+      std::cout << reply.value("text", std::string());
+    } else if (request["command"] == "status") {
       reply.erase("ok");
       if (json) {
         std::cout << reply.dump(2) << std::endl;
@@ -128,6 +131,10 @@ int main(int argc, char** argv) {
   status->add_flag("--json", json, "Print JSON");
   status->add_option("--socket", socket, "The control socket")->capture_default_str();
 
+  auto* metrics =
+      app.add_subcommand("metrics", "Print the agent's metrics in the Prometheus text exposition format.");
+  metrics->add_option("--socket", socket, "The control socket")->capture_default_str();
+
   auto* replicate = app.add_subcommand("replicate", "Replicate one file of a requester now, or all of them.");
   replicate->add_option("REQUESTER", requester, "The requester")->required();
   replicate->add_option("PATH", path, "The file (all files when left out)");
@@ -150,6 +157,7 @@ int main(int argc, char** argv) {
   if (*run) return runAgent(config, socket, traceFile);
   if (*checkCommand) return check(config);
   if (*status) return ask(socket, {{"command", "status"}}, json);
+  if (*metrics) return ask(socket, {{"command", "metrics"}}, false);
   if (*replicate) {
     nlohmann::json request = {{"command", "replicate"}, {"requester", requester}};
     if (!path.empty()) request["path"] = path;
