@@ -22,6 +22,7 @@
 #include "agent/ControlServer.h"
 #include "agent/HostStates.h"
 #include "agent/Metrics.h"
+#include "agent/MetricsTextfile.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/ChildManager.h"
 #include "runtime/FileDescriptor.h"
@@ -211,7 +212,7 @@ Agent::Agent(Options options) : options_(std::move(options)) {
                                                    FileReplication::RequesterConfigSmBase::operations().invoke(
                                                        *sm, "replicateFiles");
                                                  }
-                                               }});
+                                               }, [this] { metricsChanged(); }});
   } catch (std::runtime_error const& e) {
     // Replication goes on; only the hosts' states are not known.
     say(std::string("the states of remote hosts cannot be followed: ") + e.what());
@@ -233,6 +234,9 @@ Agent::Agent(Options options) : options_(std::move(options)) {
 }
 
 Agent::~Agent() {
+  // While everything it shows is still there.
+  if (metricsTextfile_) metricsTextfile_->write();
+  metricsTextfile_.reset();
   watcher_.reset();
   hostStates_.reset();
   if (reloadTimer_) reloadTimer_->notifierIs(nullptr);
@@ -273,6 +277,7 @@ bool Agent::reload() {
     for (auto const& w : parsed.warnings) say("warning: " + w);
     apply(parsed.config);
   }
+  metricsChanged();
   systemd_.send("READY=1\nSTATUS=" + summary());
   return valid;
 }
@@ -294,6 +299,25 @@ void Agent::apply(AgentConfig const& settings) {
   Kel::activityManager()->children().maxRunningIs(settings.maxConcurrentReplications);
   for (auto const& line : applyConfig(settings, *config_)) say(line);
   if (hostStates_) hostStates_->configChanged();
+  metricsTextfileIs(settings.metricsTextfile);
+}
+
+void Agent::metricsTextfileIs(std::string const& path) {
+  if (metricsTextfile_ && metricsTextfile_->path() == path) return;
+  if (metricsTextfile_) {
+    // Left behind, the collector would serve its figures for ever.
+    if (unlink(metricsTextfile_->path().c_str()) != 0 && errno != ENOENT) {
+      say("cannot remove the old metrics file " + metricsTextfile_->path() + ": " + strerror(errno));
+    }
+    metricsTextfile_.reset();
+  }
+  if (path.empty()) return;
+  metricsTextfile_ = std::make_unique<MetricsTextfile>(
+      path, status_, [this] { return metrics(); }, [](std::string const& why) { say("metrics: " + why); });
+}
+
+void Agent::metricsChanged() {
+  if (metricsTextfile_) metricsTextfile_->changed();
 }
 
 std::string Agent::metrics() const {

@@ -17,6 +17,7 @@ namespace Agent {
 
 class ControlServer;
 class HostStates;
+class MetricsTextfile;
 
 // The running agent: owns the configuration and status trees and the root
 // machine over them, reloads the configuration file on SIGHUP and whenever
@@ -63,6 +64,9 @@ class Agent {
 
   void apply(AgentConfig const& settings);
   void reloadSoon();
+  // Follows the configured path: none, the same, or another one.
+  void metricsTextfileIs(std::string const& path);
+  void metricsChanged();
   // One line for the service manager: "3 requesters, 1204 files, 2 failed".
   std::string summary() const;
   nlohmann::json replicate(std::string const& requester, nlohmann::json const& path);
@@ -83,6 +87,7 @@ class Agent {
   Kel::Ptr<WatchdogTimer> watchdog_;
   std::uint64_t reloads_ = 0;
   std::uint64_t reloadErrors_ = 0;
+  std::unique_ptr<MetricsTextfile> metricsTextfile_;
 };
 
 // Makes sure a Replicate program can be found: PATH is left exactly as it is
