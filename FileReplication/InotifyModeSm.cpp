@@ -41,7 +41,7 @@ Kel::Ptr<ReplicationSm> InotifyDirSm::replicationSmIs(Kel::String const& fileNam
                                                       Kel::Ptr<FileStatus> fileStatus) {
   if (auto present = replicationSm(fileName)) return present;
   auto sm = ReplicationSm::ReplicationSmIs(fileName, std::move(requesterConfig), std::move(fileConfig),
-                                           std::move(fileStatus));
+                                           std::move(fileStatus), owner_->requesterStatus());
   replicationSm_.insert(fileName, sm);
   sm->watchErrorIs(watchError());
   return sm;

@@ -58,7 +58,7 @@ Kel::Ptr<ReplicationSm> PeriodicRequesterConfigSm::newReplicationSm(Kel::String 
                                                                     Kel::Ptr<FileConfig const> fileConfig,
                                                                     Kel::Ptr<FileStatus> fileStatus) {
   auto sm = ReplicationSm::ReplicationSmIs(key, std::move(requesterConfig), std::move(fileConfig),
-                                           std::move(fileStatus));
+                                           std::move(fileStatus), requesterStatus());
   replicationSm_.insert(key, sm);
   return sm;
 }

@@ -73,16 +73,20 @@ class ReplicationSm::KelReplicationCmd : public Kel::ChildSiginfo::NotifieeConst
 Kel::Ptr<ReplicationSm> ReplicationSm::ReplicationSmIs(Kel::String8 name,
                                                        Kel::Ptr<RequesterConfig const> requesterConfig,
                                                        Kel::Ptr<FileConfig const> fileConfig,
-                                                       Kel::Ptr<FileStatus> fileStatus) {
-  return new ReplicationSm(std::move(name), std::move(requesterConfig), std::move(fileConfig), std::move(fileStatus));
+                                                       Kel::Ptr<FileStatus> fileStatus,
+                                                       Kel::Ptr<RequesterStatus> requesterStatus) {
+  return new ReplicationSm(std::move(name), std::move(requesterConfig), std::move(fileConfig), std::move(fileStatus),
+                           std::move(requesterStatus));
 }
 
 ReplicationSm::ReplicationSm(Kel::String8 name, Kel::Ptr<RequesterConfig const> requesterConfig,
-                             Kel::Ptr<FileConfig const> fileConfig, Kel::Ptr<FileStatus> fileStatus)
+                             Kel::Ptr<FileConfig const> fileConfig, Kel::Ptr<FileStatus> fileStatus,
+                             Kel::Ptr<RequesterStatus> requesterStatus)
     : name_(std::move(name)),
       requesterConfig_(std::move(requesterConfig)),
       fileConfig_(std::move(fileConfig)),
-      fileStatus_(std::move(fileStatus)) {
+      fileStatus_(std::move(fileStatus)),
+      requesterStatus_(std::move(requesterStatus)) {
   repoint(kelRequesterConfig_, requesterConfig_);
   // Usually ends in enableReplication(), so the first run starts from here.
   handleInitialized();
@@ -115,6 +119,13 @@ void ReplicationSm::release(Kel::Ptr<R>& reactor) {
   reactor->markedForDeletionIs(true);
   reactor->notifierIs(nullptr);
   reactor = nullptr;
+}
+
+void ReplicationSm::countRun(std::uint64_t (RequesterStatus::*counter)() const,
+                             void (RequesterStatus::*counterIs)(std::uint64_t)) {
+  if (!requesterStatus_) return;
+  RequesterStatus& status = *requesterStatus_;
+  (status.*counterIs)((status.*counter)() + 1);
 }
 
 Kel::String8 ReplicationSm::path() const { return Kel::String8(fileConfig_->path()); }
@@ -290,6 +301,8 @@ void ReplicationSm::startReplication() {
     SM_TRACE(": " << why);
     log(LogPriority::error, "cannot replicate " + path().str() + ": " + why.str());
     if (fileStatus_) fileStatus_->lastErrorIs(why);
+    countRun(&RequesterStatus::runsStarted, &RequesterStatus::runsStartedIs);
+    countRun(&RequesterStatus::runsFailed, &RequesterStatus::runsFailedIs);
     SM_TRACE(": Changing state to backoff");
     stateIs(backoff);
     updateFileStatus(FileStatus::failed);
@@ -297,6 +310,7 @@ void ReplicationSm::startReplication() {
     return;
   }
   if (fileStatus_) fileStatus_->lastErrorIs(watchError_);
+  countRun(&RequesterStatus::runsStarted, &RequesterStatus::runsStartedIs);
   // A child that waits for a slot is timed from when it starts.
   handleReplicationCmdPid();
 }
@@ -355,6 +369,7 @@ void ReplicationSm::handleReplicationCmdSignalCode() {
   kelReplicationTimeoutClock_->timeMinIs(never);
   if (success) {
     SM_TRACE("Replication was successful");
+    countRun(&RequesterStatus::runsSucceeded, &RequesterStatus::runsSucceededIs);
     rerunForReplacedSource_ = false;
     switch (state_) {
       case replicating:
@@ -374,6 +389,7 @@ void ReplicationSm::handleReplicationCmdSignalCode() {
     }
   } else {
     SM_TRACE("Replication failed");
+    countRun(&RequesterStatus::runsFailed, &RequesterStatus::runsFailedIs);
     switch (state_) {
       case replicating:
       case queued:
@@ -411,6 +427,7 @@ void ReplicationSm::handleReplicationTimeout() {
       why << "killed after its replicationTimeout of " << replicationTimeout() << " s";
       if (fileStatus_ && watchError_.empty()) fileStatus_->lastErrorIs(why.str());
       log(LogPriority::warning, "the run for " + path().str() + " was " + why.str());
+      countRun(&RequesterStatus::runsTimedOut, &RequesterStatus::runsTimedOutIs);
     }
     SM_TRACE(": Changing state to backoff");
     stateIs(backoff);

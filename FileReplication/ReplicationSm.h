@@ -6,6 +6,7 @@
 #include "entities/FileConfig.h"
 #include "entities/FileStatus.h"
 #include "entities/RequesterConfig.h"
+#include "entities/RequesterStatus.h"
 #include "runtime/ChildSiginfo.h"
 #include "runtime/Clock.h"
 #include "runtime/Entity.h"
@@ -30,14 +31,17 @@ class ReplicationSm : public Kel::Entity {
   };
   using Notifiee = NotifieeConst;
 
+  // requesterStatus, when given, counts the runs.
   static Kel::Ptr<ReplicationSm> ReplicationSmIs(Kel::String8 name, Kel::Ptr<RequesterConfig const> requesterConfig,
                                                  Kel::Ptr<FileConfig const> fileConfig,
-                                                 Kel::Ptr<FileStatus> fileStatus);
+                                                 Kel::Ptr<FileStatus> fileStatus,
+                                                 Kel::Ptr<RequesterStatus> requesterStatus = nullptr);
 
   Kel::String8 const& name() const { return name_; }
   Kel::Ptr<RequesterConfig const> requesterConfig() const { return requesterConfig_; }
   Kel::Ptr<FileConfig const> fileConfig() const { return fileConfig_; }
   Kel::Ptr<FileStatus> fileStatus() const { return fileStatus_; }
+  Kel::Ptr<RequesterStatus> requesterStatus() const { return requesterStatus_; }
   State state() const { return state_; }
   Kel::Ptr<Kel::Clock const> replicationTimeoutClock() const { return replicationTimeoutClock_; }
   Kel::Ptr<Kel::Clock const> backoffClock() const { return backoffClock_; }
@@ -100,7 +104,8 @@ class ReplicationSm : public Kel::Entity {
 
  protected:
   ReplicationSm(Kel::String8 name, Kel::Ptr<RequesterConfig const> requesterConfig,
-                Kel::Ptr<FileConfig const> fileConfig, Kel::Ptr<FileStatus> fileStatus);
+                Kel::Ptr<FileConfig const> fileConfig, Kel::Ptr<FileStatus> fileStatus,
+                Kel::Ptr<RequesterStatus> requesterStatus);
   ~ReplicationSm() override;
 
  private:
@@ -115,11 +120,14 @@ class ReplicationSm : public Kel::Entity {
   void repoint(Kel::Ptr<R>& reactor, Kel::Ptr<N const> const& notifier);
   template <class R>
   void release(Kel::Ptr<R>& reactor);
+  void countRun(std::uint64_t (RequesterStatus::*counter)() const,
+                void (RequesterStatus::*counterIs)(std::uint64_t));
 
   Kel::String8 name_;
   Kel::Ptr<RequesterConfig const> requesterConfig_;
   Kel::Ptr<FileConfig const> fileConfig_;
   Kel::Ptr<FileStatus> fileStatus_;
+  Kel::Ptr<RequesterStatus> requesterStatus_;
   State state_ = disabled;
   Kel::Ptr<Kel::Clock const> replicationTimeoutClock_;
   Kel::Ptr<Kel::Clock const> backoffClock_;

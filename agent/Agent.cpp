@@ -17,11 +17,14 @@
 #include "FileReplication/FileReplicationUtils.h"
 #include "FileReplication/DirWatch.h"
 #include "FileReplication/InotifyModeSm.h"
+#include "FileReplication/InotifyWatches.h"
 #include "FileReplication/PeriodicModeSm.h"
 #include "agent/ConfigApplier.h"
 #include "agent/ConfigFile.h"
 #include "agent/ControlServer.h"
 #include "agent/HostStates.h"
+#include "agent/Metrics.h"
+#include "agent/MetricsTextfile.h"
 #include "agent/OperatorLog.h"
 #include "agent/Progress.h"
 #include "agent/TimeText.h"
@@ -215,7 +218,7 @@ Agent::Agent(Options options) : options_(std::move(options)) {
                                                    FileReplication::RequesterConfigSmBase::operations().invoke(
                                                        *sm, "replicateFiles");
                                                  }
-                                               }});
+                                               }, [this] { metricsChanged(); }});
   } catch (std::runtime_error const& e) {
     // Replication goes on; only the hosts' states are not known.
     say(LogPriority::error, std::string("the states of remote hosts cannot be followed: ") + e.what());
@@ -237,6 +240,9 @@ Agent::Agent(Options options) : options_(std::move(options)) {
 }
 
 Agent::~Agent() {
+  // While everything it shows is still there.
+  if (metricsTextfile_) metricsTextfile_->write();
+  metricsTextfile_.reset();
   watcher_.reset();
   hostStates_.reset();
   if (reloadTimer_) reloadTimer_->notifierIs(nullptr);
@@ -268,6 +274,8 @@ bool Agent::reload() {
   systemd_.send("RELOADING=1");
   ParsedConfig parsed = parseConfigFile(options_.configPath);
   bool const valid = parsed.ok();
+  ++reloads_;
+  reloadErrors_ += !valid;
   if (!valid) {
     say(LogPriority::error, "the new configuration is not valid; the running one stays as it was:");
     for (auto const& e : parsed.errors) say(LogPriority::error, e);
@@ -276,6 +284,7 @@ bool Agent::reload() {
     for (auto const& w : parsed.warnings) say(LogPriority::warning, "warning: " + w);
     apply(parsed.config);
   }
+  metricsChanged();
   systemd_.send("READY=1\nSTATUS=" + summary());
   return valid;
 }
@@ -298,6 +307,38 @@ void Agent::apply(AgentConfig const& settings) {
   for (auto const& line : applyConfig(settings, *config_)) say(LogPriority::error, line);
   progress_.clear();
   if (hostStates_) hostStates_->configChanged();
+  metricsTextfileIs(settings.metricsTextfile);
+}
+
+void Agent::metricsTextfileIs(std::string const& path) {
+  if (metricsTextfile_ && metricsTextfile_->path() == path) return;
+  if (metricsTextfile_) {
+    // Left behind, the collector would serve its figures for ever.
+    if (unlink(metricsTextfile_->path().c_str()) != 0 && errno != ENOENT) {
+      say(LogPriority::warning, "cannot remove the old metrics file " + metricsTextfile_->path() + ": " + strerror(errno));
+    }
+    metricsTextfile_.reset();
+  }
+  if (path.empty()) return;
+  metricsTextfile_ = std::make_unique<MetricsTextfile>(
+      path, status_, [this] { return metrics(); }, [](std::string const& why) { say(LogPriority::warning, "metrics: " + why); });
+}
+
+void Agent::metricsChanged() {
+  if (metricsTextfile_) metricsTextfile_->changed();
+}
+
+std::string Agent::metrics() const {
+  auto const* watches = FileReplication::InotifyWatches::current();
+  auto& children = Kel::activityManager()->children();
+  return metricsText({.config = *config_,
+                      .status = *status_,
+                      .hostStates = hostStates_.get(),
+                      .replicateRunning = children.running(),
+                      .replicateWaiting = children.waiting(),
+                      .inotifyWatches = watches ? watches->watches() : 0,
+                      .reloads = reloads_,
+                      .reloadErrors = reloadErrors_});
 }
 
 void Agent::reloadSoon() { reloadTimer_->timeMinIs(Kel::now() + reloadDelay); }
@@ -359,6 +400,7 @@ nlohmann::json Agent::handle(nlohmann::json const& request) {
     reply["ok"] = true;
     return reply;
   }
+  if (command == "metrics") return {{"text", metrics()}};
   std::string const requester = request.at("requester").get<std::string>();
   if (command == "replicate") return replicate(requester, request.contains("path") ? request["path"] : nullptr);
   if (command == "deleteIfNotExist") return deleteIfNotExist(requester);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,6 +19,7 @@ namespace Agent {
 
 class ControlServer;
 class HostStates;
+class MetricsTextfile;
 
 // The running agent: owns the configuration and status trees and the root
 // machine over them, reloads the configuration file on SIGHUP and whenever
@@ -49,6 +51,8 @@ class Agent {
   bool reload();
 
   nlohmann::json status() const;
+  // In the Prometheus text format.
+  std::string metrics() const;
   // A control request, already checked for shape by the server.
   nlohmann::json handle(nlohmann::json const& request);
 
@@ -64,6 +68,9 @@ class Agent {
 
   void apply(AgentConfig const& settings);
   void reloadSoon();
+  // Follows the configured path: none, the same, or another one.
+  void metricsTextfileIs(std::string const& path);
+  void metricsChanged();
   // One line for the service manager: "3 requesters, 1204 files, 2 failed".
   std::string summary() const;
   nlohmann::json replicate(std::string const& requester, nlohmann::json const& path);
@@ -84,6 +91,9 @@ class Agent {
   // Updated by status requests, which are const otherwise.
   mutable Progress progress_;
   Kel::Ptr<WatchdogTimer> watchdog_;
+  std::uint64_t reloads_ = 0;
+  std::uint64_t reloadErrors_ = 0;
+  std::unique_ptr<MetricsTextfile> metricsTextfile_;
 };
 
 // Makes sure a Replicate program can be found: PATH is left exactly as it is

@@ -41,6 +41,9 @@ struct RequesterSettings {
 struct AgentConfig {
   // 0: no limit on running Replicate children.
   unsigned maxConcurrentReplications = 16;
+  // Where the metrics are kept for a node exporter's textfile collector;
+  // empty: nowhere.
+  std::string metricsTextfile;
   std::vector<RequesterSettings> requesters;
   bool operator==(AgentConfig const&) const = default;
 };

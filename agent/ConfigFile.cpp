@@ -32,7 +32,7 @@ using Keys = std::span<std::string_view const>;
 // (or /dev/zero) and is not read whole into memory.
 constexpr std::size_t maxFileSize = 16 << 20;
 
-constexpr std::string_view topLevelKeys[] = {"maxConcurrentReplications", "ssh", "requesters"};
+constexpr std::string_view topLevelKeys[] = {"maxConcurrentReplications", "ssh", "metrics", "requesters"};
 constexpr std::string_view requesterKeys[] = {"mode",
                                               "enabled",
                                               "remoteHosts",
@@ -47,6 +47,7 @@ constexpr std::string_view requesterKeys[] = {"mode",
                                               "files"};
 constexpr std::string_view fileKeys[] = {"path", "dstPath", "rsyncOptions"};
 constexpr std::string_view sshKeys[] = {"port", "user", "identityFile", "options"};
+constexpr std::string_view metricsKeys[] = {"textfile"};
 
 // What an ssh mapping gives; a requester's replaces the top-level one key by
 // key, so that one requester can change the port and keep the shared key.
@@ -293,6 +294,7 @@ class Parser {
   void parseSeconds(YAML::Node const& value, YAML::Mark const& at, TimeSetting const& setting, RequesterSettings& r);
   void parseRemoteHosts(YAML::Node const& hosts, YAML::Mark const& at, RequesterSettings& r);
   SshSettings parseSsh(YAML::Node const& ssh, YAML::Mark const& at);
+  void parseMetrics(YAML::Node const& metrics, YAML::Mark const& at);
   void parseSshOptions(YAML::Node const& options, YAML::Mark const& at, SshSettings& ssh);
   void checkIdentityFile(std::string const& path, YAML::Mark const& at);
   void parseFiles(YAML::Node const& files, YAML::Mark const& at, RequesterSettings& r, std::vector<FileSite>& sites);
@@ -389,6 +391,8 @@ void Parser::parseTop(YAML::Node const& top) {
       }
     } else if (key == "ssh") {
       topSsh_ = parseSsh(value, at);
+    } else if (key == "metrics") {
+      parseMetrics(value, at);
     } else if (key == "requesters") {
       parseRequesters(value, at);
     } else {
@@ -570,6 +574,38 @@ SshSettings Parser::parseSsh(YAML::Node const& ssh, YAML::Mark const& at) {
     }
   });
   return settings;
+}
+
+void Parser::parseMetrics(YAML::Node const& metrics, YAML::Mark const& at) {
+  if (metrics.IsNull()) return;
+  if (!metrics.IsMap()) {
+    error(at, "metrics is " + describe(metrics) + "; expected a mapping with the keys " + joined(metricsKeys));
+    return;
+  }
+  forEachEntry(metrics, [&](std::string const& k, YAML::Node const& keyNode, YAML::Node const& value) {
+    YAML::Mark const valueAt = markOf(value, keyNode);
+    if (k != "textfile") {
+      unknownKey(keyNode, " in metrics", metricsKeys);
+      return;
+    }
+    auto path = parsePath(value, valueAt, k, true);
+    if (!path) return;
+    std::string const dir = FileReplication::Utils::dirname(*path).str();
+    struct stat st;
+    if (stat(path->c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+      error(valueAt, k + " " + quoted(*path) + " is a directory; expected a file in the collector's directory");
+      return;
+    }
+    if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+      warning(valueAt, "the directory " + quoted(dir) + " of textfile does not exist; the metrics are not written "
+                       "until it does");
+    }
+    if (!path->ends_with(".prom")) {
+      warning(valueAt, "textfile " + quoted(*path) + " does not end in .prom; the textfile collector reads only "
+                       "files that do");
+    }
+    result_.config.metricsTextfile = std::move(*path);
+  });
 }
 
 void Parser::parseSshOptions(YAML::Node const& options, YAML::Mark const& at, SshSettings& ssh) {

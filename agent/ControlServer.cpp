@@ -43,6 +43,7 @@ struct CommandFields {
 };
 constexpr CommandFields commands[] = {
     {"status", false, false},
+    {"metrics", false, false},
     {"replicate", true, true},
     {"deleteIfNotExist", true, false},
 };
@@ -136,7 +137,7 @@ std::string requestProblem(nlohmann::json const& request) {
   auto const fields = std::find_if(std::begin(commands), std::end(commands),
                                    [&](CommandFields const& c) { return name == c.command; });
   if (fields == std::end(commands)) {
-    return "unknown command \"" + name + "\" (known: status, replicate, deleteIfNotExist)";
+    return "unknown command \"" + name + "\" (known: status, metrics, replicate, deleteIfNotExist)";
   }
   for (auto const& [key, value] : request.items()) {
     if (key == "command") continue;

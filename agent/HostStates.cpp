@@ -161,6 +161,7 @@ void HostStates::refresh(std::string const& host) {
   if (now) {
     Host const before = std::exchange(entry.host, *now);
     changed(host, before, entry.host);
+    if (hooks_.stateRead) hooks_.stateRead();
   }
   schedule(host);
 }

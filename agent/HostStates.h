@@ -37,6 +37,8 @@ class HostStates : private FileReplication::DirWatch::Listener {
     std::function<void(FileReplication::LogPriority, std::string const&)> say;
     // Replicates every file of the requester once.
     std::function<void(Kel::Name)> replicateAll;
+    // A host's state file was read again, changed or not; may be empty.
+    std::function<void()> stateRead = nullptr;
   };
 
   // A probe that hangs longer than this is killed, so that the host gets

@@ -22,6 +22,7 @@ SYNOPSIS
     filerep run --config FILE [--socket PATH] [--trace-file PATH] [--log-level LEVEL]
     filerep check --config FILE
     filerep status [--json | --watch [SECONDS]] [--socket PATH]
+    filerep metrics [--socket PATH]
     filerep replicate REQUESTER [PATH] [--socket PATH]
     filerep delete-if-not-exist REQUESTER [--socket PATH]
     filerep trace [--file PATH]
@@ -81,7 +82,9 @@ int ask(std::string const& socket, nlohmann::json const& request, bool json) {
   try {
     nlohmann::json reply = Agent::request(socket, request);
     if (!reply.value("ok", false)) return fail(reply.value("error", std::string("the agent refused the request")));
-    if (request["command"] == "status") {
+    if (request["command"] == "metrics") {
+      std::cout << reply.value("text", std::string());
+    } else if (request["command"] == "status") {
       reply.erase("ok");
       if (json) {
         std::cout << reply.dump(2) << std::endl;
@@ -162,6 +165,10 @@ int main(int argc, char** argv) {
       ->excludes(jsonFlag);
   status->add_option("--socket", socket, "The control socket")->capture_default_str();
 
+  auto* metrics =
+      app.add_subcommand("metrics", "Print the agent's metrics in the Prometheus text exposition format.");
+  metrics->add_option("--socket", socket, "The control socket")->capture_default_str();
+
   auto* replicate = app.add_subcommand("replicate", "Replicate one file of a requester now, or all of them.");
   replicate->add_option("REQUESTER", requester, "The requester")->required();
   replicate->add_option("PATH", path, "The file (all files when left out)");
@@ -185,6 +192,7 @@ int main(int argc, char** argv) {
   if (*checkCommand) return check(config);
   if (*status && status->count("--watch") > 0) return watchStatus(socket, watchSeconds > 0 ? watchSeconds : 2);
   if (*status) return ask(socket, {{"command", "status"}}, json);
+  if (*metrics) return ask(socket, {{"command", "metrics"}}, false);
   if (*replicate) {
     nlohmann::json request = {{"command", "replicate"}, {"requester", requester}};
     if (!path.empty()) request["path"] = path;

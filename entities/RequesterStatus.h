@@ -16,6 +16,10 @@ class RequesterStatus : public Kel::Entity {
    public:
     virtual void onFile(Kel::Name) {}
     virtual void onOverflows() {}
+    virtual void onRunsStarted() {}
+    virtual void onRunsSucceeded() {}
+    virtual void onRunsFailed() {}
+    virtual void onRunsTimedOut() {}
   };
   using Notifiee = NotifieeConst;
 
@@ -47,6 +51,26 @@ class RequesterStatus : public Kel::Entity {
   void overflowsIs(std::uint32_t v) {
     if (Kel::changed(overflows_, v)) notify<NotifieeConst>(&NotifieeConst::onOverflows);
   }
+  // Runs of the files' machines, each file's counted on its own even when
+  // one Replicate process carries many. A run stopped because its file or
+  // requester went away is started and nothing else.
+  std::uint64_t runsStarted() const { return runsStarted_; }
+  void runsStartedIs(std::uint64_t v) {
+    if (Kel::changed(runsStarted_, v)) notify<NotifieeConst>(&NotifieeConst::onRunsStarted);
+  }
+  std::uint64_t runsSucceeded() const { return runsSucceeded_; }
+  void runsSucceededIs(std::uint64_t v) {
+    if (Kel::changed(runsSucceeded_, v)) notify<NotifieeConst>(&NotifieeConst::onRunsSucceeded);
+  }
+  std::uint64_t runsFailed() const { return runsFailed_; }
+  void runsFailedIs(std::uint64_t v) {
+    if (Kel::changed(runsFailed_, v)) notify<NotifieeConst>(&NotifieeConst::onRunsFailed);
+  }
+  // Killed by the replication time-out; not counted as failed as well.
+  std::uint64_t runsTimedOut() const { return runsTimedOut_; }
+  void runsTimedOutIs(std::uint64_t v) {
+    if (Kel::changed(runsTimedOut_, v)) notify<NotifieeConst>(&NotifieeConst::onRunsTimedOut);
+  }
 
  protected:
   explicit RequesterStatus(Kel::Name name) : name_(name) {}
@@ -55,6 +79,10 @@ class RequesterStatus : public Kel::Entity {
   Kel::Name name_;
   FileCollection file_;
   std::uint32_t overflows_ = 0;
+  std::uint64_t runsStarted_ = 0;
+  std::uint64_t runsSucceeded_ = 0;
+  std::uint64_t runsFailed_ = 0;
+  std::uint64_t runsTimedOut_ = 0;
 };
 
 }  // namespace FileReplication

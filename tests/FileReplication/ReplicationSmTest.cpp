@@ -146,6 +146,25 @@ TEST_F(ReplicationSmTest, TimeOutKillsTheChildAndItsLateExitChangesNothing) {
   EXPECT_EQ(1u, trace.messagesWith(" to failed").size()) << "status failed is written once";
 }
 
+// Each run counts once, by how it ended: the late exit of a child killed by
+// the time-out adds nothing, nor does a run stopped by disabling.
+TEST_F(ReplicationSmTest, CountsEachRunOnceByItsOutcome) {
+  auto const rs = RequesterStatus::RequesterStatusIs("r");
+  children_.endOnKillIs(false);
+  sm_ = ReplicationSm::ReplicationSmIs(Kel::String8(source_), rc_, fc_, fs_, rs);
+  end(0, 0);
+  sm_->replicate();
+  end(1, 1);
+  clock()->advance(10);
+  clock()->advance(60);
+  end(2, 0);
+  clock()->advance(10);
+  ASSERT_EQ(4u, children_.launches());
+  rc_->enabledIs(false);
+  EXPECT_EQ((std::vector<std::uint64_t>{4, 1, 1, 1}),
+            (std::vector<std::uint64_t>{rs->runsStarted(), rs->runsSucceeded(), rs->runsFailed(), rs->runsTimedOut()}));
+}
+
 TEST_F(ReplicationSmTest, TimeOutCountsFromTheStartOfTheChildNotFromTheWaitForASlot) {
   Kel::activityManager()->children().maxRunningIs(1);
   auto slow = RequesterConfig::RequesterConfigIs("slow", RequesterConfig::periodic);

@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
+#include <regex>
+#include <set>
+#include <sstream>
 
 #include "tests/agent/AgentProcess.h"
 
@@ -24,6 +27,41 @@ std::string configFor(TempDir const& d, std::vector<std::string> const& files, b
 std::string stateOf(AgentProcess& agent, TempDir const& d, std::string const& file) {
   auto fs = fileStatus(agent.status(), "web", d / "src/" + file);
   return fs.is_null() ? "absent" : fs["state"].get<std::string>();
+}
+
+// The samples of a Prometheus text exposition, by name and labels, once its
+// lines are checked: every sample a valid name, well-formed labels and a
+// number, after its family's HELP and TYPE; counters named _total.
+std::map<std::string, double> parsedMetrics(std::string const& text) {
+  std::string const name = "[a-zA-Z_:][a-zA-Z0-9_:]*";
+  std::string const label = R"([a-zA-Z_][a-zA-Z0-9_]*="(?:[^"\\\n]|\\[\\"n])*")";
+  std::regex const comment("# (HELP|TYPE) (" + name + ") (.+)");
+  std::regex const sample("(" + name + ")(\\{" + label + "(?:," + label + ")*\\})? (\\S+)");
+  std::map<std::string, double> samples;
+  std::map<std::string, std::string> types;
+  std::set<std::string> helped;
+  EXPECT_TRUE(text.ends_with("\n"));
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    std::smatch m;
+    if (std::regex_match(line, m, comment)) {
+      if (m[1] == "HELP") helped.insert(m[2]);
+      if (m[1] == "TYPE") types[m[2]] = m[3];
+      continue;
+    }
+    if (!std::regex_match(line, m, sample)) {
+      ADD_FAILURE() << "not a sample: " << line;
+      continue;
+    }
+    EXPECT_TRUE(helped.contains(m[1]) && types.contains(m[1])) << line;
+    std::size_t used = 0;
+    samples[m[1].str() + m[2].str()] = std::stod(m[3], &used);
+    EXPECT_EQ(m[3].length(), used) << line;
+  }
+  for (auto const& [family, type] : types) {
+    EXPECT_TRUE(type == "gauge" || (type == "counter" && family.ends_with("_total"))) << family << " " << type;
+  }
+  return samples;
 }
 
 // One agent through a day of an operator's life: the initial sync, edits,
@@ -147,8 +185,9 @@ TEST(AgentE2e, ManyFilesShareFewRunsAndAFailedCopyFailsOnlyItsFile) {
   }
   std::string const broken = "d7/f42";
   std::filesystem::create_directories(d / "dst/" + broken + "/in-the-way");
-  std::string text = "maxConcurrentReplications: 2\nrequesters:\n  web:\n    mode: inotify\n"
-                     "    retryInterval: 600\n    syncErrorThreshold: 1\n    files:\n";
+  std::string text = "maxConcurrentReplications: 2\nmetrics: {textfile: " + (d / "metrics.prom") +
+                     "}\nrequesters:\n  web:\n    mode: inotify\n    retryInterval: 600\n    syncErrorThreshold: 1\n"
+                     "    files:\n";
   for (auto const& name : names) text += "      - {path: " + (d / "src/" + name) + ", dstPath: " + (d / "dst/" + name) + "}\n";
   writeFile(d / "filerep.yaml", text);
   AgentProcess agent(d / "filerep.yaml", d / "filerep.sock",
@@ -179,6 +218,29 @@ TEST(AgentE2e, ManyFilesShareFewRunsAndAFailedCopyFailsOnlyItsFile) {
   EXPECT_NE(std::string::npos, table.out.find("\n    Replicate exited with status 1; next try ")) << table.out;
   EXPECT_NE(std::string::npos, agent.log().find(d / "src/" + broken + " failed: Replicate exited with status 1"))
       << agent.log();
+
+  // The metrics tell the same, from the command line and in the textfile.
+  auto const metrics = runCommand({FILEREP_PROGRAM, "metrics", "--socket", d / "filerep.sock"});
+  ASSERT_EQ(0, metrics.status) << metrics.err;
+  auto const samples = parsedMetrics(metrics.out);
+  auto const sample = [&](std::string const& key) { return samples.contains(key) ? samples.at(key) : -1; };
+  EXPECT_EQ(1, sample("filerep_files{requester=\"web\",status=\"failed\"}")) << metrics.out;
+  EXPECT_EQ(1, sample("filerep_files_alerting{requester=\"web\"}"));
+  EXPECT_EQ(names.size() - 1, sample("filerep_files{requester=\"web\",status=\"synchronized\"}"));
+  double const succeeded = sample("filerep_runs_succeeded_total{requester=\"web\"}");
+  EXPECT_GE(succeeded, names.size() - 1);
+  EXPECT_GE(sample("filerep_runs_failed_total{requester=\"web\"}"), 1);
+  EXPECT_EQ(sample("filerep_runs_started_total{requester=\"web\"}"),
+            succeeded + sample("filerep_runs_failed_total{requester=\"web\"}"));
+  EXPECT_GE(sample("filerep_inotify_watches"), 20);
+  EXPECT_GT(sample("filerep_last_success_timestamp_seconds{requester=\"web\"}"), 0);
+  EXPECT_TRUE(std::filesystem::exists(d / "metrics.prom")) << "written soon after the start";
+  EXPECT_EQ(0, agent.stop(SIGTERM)) << agent.log();
+  auto const written = parsedMetrics(readFile(d / "metrics.prom"));
+  EXPECT_EQ(succeeded, written.at("filerep_runs_succeeded_total{requester=\"web\"}")) << "and again at shutdown";
+  for (auto const& entry : std::filesystem::directory_iterator(d.path())) {
+    EXPECT_FALSE(entry.path().filename().string().starts_with(".metrics.prom")) << "no temporary file is left";
+  }
 }
 
 TEST(AgentE2e, CommandLineErrorsAreClearAndExitNonZero) {

@@ -24,6 +24,8 @@ std::string const anyHost =
 TEST(ConfigFileTest, ParsesAFullFileAndFillsTheDefaults) {
   auto const parsed = parseConfigText(R"(# the agent's settings
 maxConcurrentReplications: 4
+metrics:
+  textfile: /tmp/filerep.prom
 requesters:
   web:
     mode: periodic
@@ -50,6 +52,7 @@ requesters:
 
   AgentConfig expected;
   expected.maxConcurrentReplications = 4;
+  expected.metricsTextfile = "/tmp/filerep.prom";
   RequesterSettings web;
   web.name = "web";
   web.mode = RequesterConfig::periodic;
@@ -76,6 +79,12 @@ requesters:
   }
   EXPECT_EQ(0u, parseConfigText("maxConcurrentReplications: 0\n", "f").config.maxConcurrentReplications);
   EXPECT_EQ(16u, parseConfigText("requesters:\n", "f").config.maxConcurrentReplications);
+
+  EXPECT_EQ((Lines{"m.yaml:1:21: the directory \"/no/such\" of textfile does not exist; the metrics are not "
+                   "written until it does",
+                   "m.yaml:1:21: textfile \"/no/such/m.txt\" does not end in .prom; the textfile collector reads "
+                   "only files that do"}),
+            parseConfigText("metrics: {textfile: /no/such/m.txt}\n", "m.yaml").warnings);
 }
 
 TEST(ConfigFileTest, ReportsEveryMistakeWithItsPosition) {
@@ -116,11 +125,12 @@ requesters:
     remoteHosts: one,two
     files: /srv/file
     maxFilesPerRun: 0
+metrics: {listen: "127.0.0.1:9100", textfile: metrics.prom}
 )",
                                      "bad.yaml");
   EXPECT_EQ((Lines{
                 "bad.yaml:1:28: maxConcurrentReplications is \"-1\"; expected a whole number >= 0 (0 for no limit)",
-                "bad.yaml:2:1: unknown key \"colour\"; expected one of maxConcurrentReplications, ssh, requesters",
+                "bad.yaml:2:1: unknown key \"colour\"; expected one of maxConcurrentReplications, ssh, metrics, requesters",
                 "bad.yaml:5:11: mode is \"poll\"; expected periodic or inotify",
                 "bad.yaml:6:14: enabled is \"maybe\"; expected true or false",
                 "bad.yaml:7:13: period is \"abc\"; expected a number of seconds",
@@ -154,6 +164,8 @@ requesters:
                 "bad.yaml:35:18: remoteHosts is \"one,two\"; expected a list of host names, like [host1, host2]",
                 "bad.yaml:36:12: files is \"/srv/file\"; expected a list of files, each a mapping with path",
                 "bad.yaml:37:21: maxFilesPerRun is \"0\"; expected a whole number >= 1",
+                "bad.yaml:38:11: unknown key \"listen\" in metrics; expected one of textfile",
+                "bad.yaml:38:47: textfile is \"metrics.prom\"; expected an absolute file path",
             }),
             parsed.errors);
   EXPECT_EQ(AgentConfig(), parsed.config) << "nothing of an invalid file is offered for use";
@@ -310,7 +322,7 @@ TEST(ConfigFileTest, RefusesWhatReplicateWouldWithAHintForTheCommonMistakes) {
 
 TEST(ConfigFileTest, RefusesFilesOfTheWrongShape) {
   auto errorsOf = [](std::string const& text) { return parseConfigText(text, "f.yaml").errors; };
-  std::string const topLevel = "expected a mapping with the keys maxConcurrentReplications, ssh, requesters";
+  std::string const topLevel = "expected a mapping with the keys maxConcurrentReplications, ssh, metrics, requesters";
   EXPECT_EQ(Lines{"f.yaml:1:1: the file is empty; " + topLevel}, errorsOf(""));
   EXPECT_EQ(Lines{"f.yaml:1:1: the file is empty; " + topLevel}, errorsOf("# only a comment\n"));
   EXPECT_EQ(Lines{"f.yaml:1:1: the top level is a list; " + topLevel}, errorsOf("- requesters\n"));

@@ -202,7 +202,7 @@ TEST_F(ControlIntegration, BadRequestsGetErrorsAndTheServerServesOn) {
   EXPECT_EQ(errorFor("{}\n"), "request has no \"command\"");
   EXPECT_EQ(errorFor("{\"command\": 7}\n"), "\"command\" must be a string");
   EXPECT_EQ(errorFor("{\"command\": \"stop\"}\n"),
-            "unknown command \"stop\" (known: status, replicate, deleteIfNotExist)");
+            "unknown command \"stop\" (known: status, metrics, replicate, deleteIfNotExist)");
   EXPECT_EQ(errorFor("{\"command\": \"replicate\"}\n"), "replicate request has no \"requester\"");
   EXPECT_EQ(errorFor("{\"command\": \"deleteIfNotExist\", \"requester\": 3}\n"), "\"requester\" must be a string");
   EXPECT_EQ(errorFor("{\"command\": \"replicate\", \"requester\": \"r\", \"path\": [\"/a\"]}\n"),
