@@ -13,6 +13,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "agent/ControlOperations.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/Clock.h"
 #include "runtime/FileDescriptor.h"
@@ -35,17 +36,6 @@ constexpr double acceptPause = 1;
 // See Connection::replyIs.
 constexpr int replyStallSeconds = 2;
 constexpr double replyTotalSeconds = 10;
-
-struct CommandFields {
-  char const* command;
-  bool needsRequester;
-  bool takesPath;
-};
-constexpr CommandFields commands[] = {
-    {"status", false, false},
-    {"replicate", true, true},
-    {"deleteIfNotExist", true, false},
-};
 
 [[noreturn]] void fail(std::string const& message) { throw std::runtime_error(message); }
 
@@ -133,19 +123,18 @@ std::string requestProblem(nlohmann::json const& request) {
   if (command == request.end()) return "request has no \"command\"";
   if (!command->is_string()) return "\"command\" must be a string";
   std::string const& name = command->get_ref<std::string const&>();
-  auto const fields = std::find_if(std::begin(commands), std::end(commands),
-                                   [&](CommandFields const& c) { return name == c.command; });
-  if (fields == std::end(commands)) {
-    return "unknown command \"" + name + "\" (known: status, replicate, deleteIfNotExist)";
-  }
+  ControlOperation const* const operation = controlOperation(name);
+  if (!operation) return "unknown command \"" + name + "\" (known: " + controlOperationNames() + ")";
   for (auto const& [key, value] : request.items()) {
     if (key == "command") continue;
-    bool const known = (key == "requester" && fields->needsRequester) || (key == "path" && fields->takesPath);
-    if (!known) return "unknown field \"" + key + "\" in a " + name + " request";
+    if (!controlField(*operation, key)) return "unknown field \"" + key + "\" in a " + name + " request";
     if (!value.is_string()) return "\"" + key + "\" must be a string";
     if (value.get_ref<std::string const&>().empty()) return "\"" + key + "\" must not be empty";
   }
-  if (fields->needsRequester && !request.contains("requester")) return name + " request has no \"requester\"";
+  for (auto const& field : operation->fields) {
+    std::string const key(field.name);
+    if (field.required && !request.contains(key)) return name + " request has no \"" + key + "\"";
+  }
   return {};
 }
 

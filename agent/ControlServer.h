@@ -24,10 +24,10 @@ namespace Agent {
 // client to send.
 class ControlServer {
  public:
-  // Called with a request whose command and fields were checked. Returns the
-  // reply's payload (an object, or null for none); "ok": true is added unless
-  // the handler set "ok" itself. An exception becomes an error reply carrying
-  // its message.
+  // Called with a request whose command and fields were checked against
+  // controlOperations. Returns the reply's payload (an object, or null for
+  // none); "ok": true is added unless the handler set "ok" itself. An
+  // exception becomes an error reply carrying its message.
   using Handler = std::function<nlohmann::json(nlohmann::json const& request)>;
 
   static constexpr std::size_t maxRequestBytes = 64 * 1024;
