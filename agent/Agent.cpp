@@ -13,6 +13,8 @@
 #include <filesystem>
 #include <iostream>
 #include <stdexcept>
+#include <string_view>
+#include <utility>
 
 #include "FileReplication/FileReplicationUtils.h"
 #include "FileReplication/DirWatch.h"
@@ -394,20 +396,31 @@ nlohmann::json Agent::status() const {
 }
 
 nlohmann::json Agent::handle(nlohmann::json const& request) {
-  std::string const command = request.at("command").get<std::string>();
-  if (command == "status") {
-    nlohmann::json reply = status();
-    reply["ok"] = true;
-    return reply;
+  using Handler = nlohmann::json (Agent::*)(nlohmann::json const&);
+  static std::pair<std::string_view, Handler> const handlers[] = {
+      {"status", &Agent::handleStatus},
+      {"metrics", &Agent::handleMetrics},
+      {"replicate", &Agent::handleReplicate},
+      {"deleteIfNotExist", &Agent::handleDeleteIfNotExist},
+  };
+  std::string const& command = request.at("command").get_ref<std::string const&>();
+  for (auto const& [name, handler] : handlers) {
+    if (name == command) return (this->*handler)(request);
   }
-  if (command == "metrics") return {{"text", metrics()}};
-  std::string const requester = request.at("requester").get<std::string>();
-  if (command == "replicate") return replicate(requester, request.contains("path") ? request["path"] : nullptr);
-  if (command == "deleteIfNotExist") return deleteIfNotExist(requester);
   return error("unknown command \"" + command + "\"");
 }
 
-nlohmann::json Agent::replicate(std::string const& requester, nlohmann::json const& path) {
+nlohmann::json Agent::handleStatus(nlohmann::json const&) {
+  nlohmann::json reply = status();
+  reply["ok"] = true;
+  return reply;
+}
+
+nlohmann::json Agent::handleMetrics(nlohmann::json const&) { return {{"text", metrics()}}; }
+
+nlohmann::json Agent::handleReplicate(nlohmann::json const& request) {
+  std::string const requester = request.at("requester").get<std::string>();
+  nlohmann::json const path = request.value("path", nlohmann::json());
   auto rc = config_->requester(requester);
   auto sm = configSm_->requesterConfigSm(requester);
   if (!rc || !sm) return error("no requester named \"" + requester + "\"");
@@ -428,7 +441,8 @@ nlohmann::json Agent::replicate(std::string const& requester, nlohmann::json con
   return reply;
 }
 
-nlohmann::json Agent::deleteIfNotExist(std::string const& requester) {
+nlohmann::json Agent::handleDeleteIfNotExist(nlohmann::json const& request) {
+  std::string const requester = request.at("requester").get<std::string>();
   auto rc = config_->requester(requester);
   auto sm = configSm_->requesterConfigSm(requester);
   if (!rc || !sm) return error("no requester named \"" + requester + "\"");

@@ -53,7 +53,8 @@ class Agent {
   nlohmann::json status() const;
   // In the Prometheus text format.
   std::string metrics() const;
-  // A control request, already checked for shape by the server.
+  // A control request, already checked for shape by the server. A command
+  // without a handler here is answered with an error.
   nlohmann::json handle(nlohmann::json const& request);
 
   Kel::Ptr<FileReplication::Config> config() const { return config_; }
@@ -73,8 +74,11 @@ class Agent {
   void metricsChanged();
   // One line for the service manager: "3 requesters, 1204 files, 2 failed".
   std::string summary() const;
-  nlohmann::json replicate(std::string const& requester, nlohmann::json const& path);
-  nlohmann::json deleteIfNotExist(std::string const& requester);
+  // One per entry of controlOperations.
+  nlohmann::json handleStatus(nlohmann::json const& request);
+  nlohmann::json handleMetrics(nlohmann::json const& request);
+  nlohmann::json handleReplicate(nlohmann::json const& request);
+  nlohmann::json handleDeleteIfNotExist(nlohmann::json const& request);
 
   Options options_;
   Kel::Ptr<FileReplication::Config> config_;

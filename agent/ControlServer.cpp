@@ -7,12 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
+#include "agent/ControlOperations.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/Clock.h"
 #include "runtime/FileDescriptor.h"
@@ -32,21 +32,6 @@ constexpr int acceptsPerTurn = 16;
 // Out of descriptors or memory, accept() fails for as long as the backlog
 // holds clients; accepting pauses this long instead of spinning.
 constexpr double acceptPause = 1;
-// See Connection::replyIs.
-constexpr int replyStallSeconds = 2;
-constexpr double replyTotalSeconds = 10;
-
-struct CommandFields {
-  char const* command;
-  bool needsRequester;
-  bool takesPath;
-};
-constexpr CommandFields commands[] = {
-    {"status", false, false},
-    {"metrics", false, false},
-    {"replicate", true, true},
-    {"deleteIfNotExist", true, false},
-};
 
 [[noreturn]] void fail(std::string const& message) { throw std::runtime_error(message); }
 
@@ -134,19 +119,18 @@ std::string requestProblem(nlohmann::json const& request) {
   if (command == request.end()) return "request has no \"command\"";
   if (!command->is_string()) return "\"command\" must be a string";
   std::string const& name = command->get_ref<std::string const&>();
-  auto const fields = std::find_if(std::begin(commands), std::end(commands),
-                                   [&](CommandFields const& c) { return name == c.command; });
-  if (fields == std::end(commands)) {
-    return "unknown command \"" + name + "\" (known: status, metrics, replicate, deleteIfNotExist)";
-  }
+  ControlOperation const* const operation = controlOperation(name);
+  if (!operation) return "unknown command \"" + name + "\" (known: " + controlOperationNames() + ")";
   for (auto const& [key, value] : request.items()) {
     if (key == "command") continue;
-    bool const known = (key == "requester" && fields->needsRequester) || (key == "path" && fields->takesPath);
-    if (!known) return "unknown field \"" + key + "\" in a " + name + " request";
+    if (!controlField(*operation, key)) return "unknown field \"" + key + "\" in a " + name + " request";
     if (!value.is_string()) return "\"" + key + "\" must be a string";
     if (value.get_ref<std::string const&>().empty()) return "\"" + key + "\" must not be empty";
   }
-  if (fields->needsRequester && !request.contains("requester")) return name + " request has no \"requester\"";
+  for (auto const& field : operation->fields) {
+    std::string const key(field.name);
+    if (field.required && !request.contains(key)) return name + " request has no \"" + key + "\"";
+  }
   return {};
 }
 
@@ -185,40 +169,49 @@ class ControlServer::AcceptResumer : public Kel::Clock::Notifiee {
   ControlServer* server_;
 };
 
-// One client: reads until the newline, replies and closes. Lives in the
-// server's table until then; callbacks hold a reference to it because
-// closing takes it out of the table.
+// One client: reads until the newline, queues the reply, writes it as the
+// socket takes it and closes. Lives in the server's table until then;
+// callbacks hold a reference to it because closing takes it out of the
+// table.
 class ControlServer::Connection : public Kel::FileDescriptor::Notifiee {
  public:
   Connection(ControlServer* server, int descriptor);
   ~Connection() override { closeDescriptor(); }
 
-  void onReadableCount() override;
-  void onRequestTimeout();
-  // Replies, closes and leaves the server.
-  void finish(nlohmann::json const& reply);
-  // Closes and leaves the server without a word.
+  void onReadableCount() override { serve(&Connection::readSome); }
+  void onWritableCount() override { serve(&Connection::writeSome); }
+  void onDeadline() { serve(&Connection::deadlinePassed); }
+  // Closes and leaves the server, whatever is left unsent.
   void drop();
   void closeDescriptor();
 
  private:
-  class RequestTimer : public Kel::Clock::Notifiee {
+  class Deadline : public Kel::Clock::Notifiee {
    public:
-    explicit RequestTimer(Connection* connection) : connection_(connection) {}
-    void onTime() override { connection_->onRequestTimeout(); }
+    explicit Deadline(Connection* connection) : connection_(connection) {}
+    void onTime() override { connection_->onDeadline(); }
 
    private:
     Connection* connection_;
   };
 
+  // Nothing may escape into the loop: the agent serves on.
+  void serve(void (Connection::*step)());
   void readSome();
+  void writeSome();
+  void deadlinePassed();
+  // Stops reading and starts writing; closes once all is written.
   void replyIs(nlohmann::json const& reply);
+  bool replying() const { return !output_.empty(); }
 
   ControlServer* server_;
   int descriptor_;
   Kel::Ptr<Kel::FileDescriptor> fileDescriptor_;
   std::string request_;
-  RequestTimer requestTimer_{this};
+  std::string output_;
+  std::size_t sent_ = 0;
+  // For the request while reading, then for progress of the reply.
+  Deadline deadline_{this};
 };
 
 ControlServer::Connection::Connection(ControlServer* server, int descriptor)
@@ -228,15 +221,14 @@ ControlServer::Connection::Connection(ControlServer* server, int descriptor)
   fileDescriptor_->nonBlockingIs(true);
   fileDescriptor_->notifyOnReadableIs(true);
   notifierIs(fileDescriptor_);
-  requestTimer_.notifierIs(Kel::activityManager()->clock());
-  requestTimer_.timeMinIs(Kel::now() + server->requestTimeout());
+  deadline_.notifierIs(Kel::activityManager()->clock());
+  deadline_.timeMinIs(Kel::now() + server->requestTimeout());
 }
 
-void ControlServer::Connection::onReadableCount() {
+void ControlServer::Connection::serve(void (Connection::*step)()) {
   Kel::Ptr<Connection> const keep(this);
-  // Nothing may escape into the loop: the agent serves on.
   try {
-    readSome();
+    (this->*step)();
   } catch (std::exception const& e) {
     KEL_TRACE(2, "control connection failed: " << e.what());
     drop();
@@ -265,63 +257,65 @@ void ControlServer::Connection::readSome() {
     if (old == 0) {
       drop();
     } else {
-      finish(errorReply("request ended without a newline"));
+      replyIs(errorReply("request ended without a newline"));
     }
     return;
   }
   std::size_t const newline = request_.find('\n', old);
   if (newline != std::string::npos && newline <= maxRequestBytes) {
-    finish(server_->replyTo(std::string_view(request_.data(), newline)));
+    replyIs(server_->replyTo(std::string_view(request_.data(), newline)));
   } else if (request_.size() > maxRequestBytes) {
-    finish(errorReply("request longer than " + std::to_string(maxRequestBytes) + " bytes"));
+    replyIs(errorReply("request longer than " + std::to_string(maxRequestBytes) + " bytes"));
   }
 }
 
-void ControlServer::Connection::onRequestTimeout() {
-  Kel::Ptr<Connection> const keep(this);
-  try {
-    finish(errorReply("no request within " + secondsText(server_->requestTimeout()) + " s"));
-  } catch (...) {
+void ControlServer::Connection::deadlinePassed() {
+  if (replying()) {
+    KEL_TRACE(4, "control client dropped: it read nothing of its reply for " << server_->requestTimeout() << " s");
     drop();
+  } else {
+    replyIs(errorReply("no request within " + secondsText(server_->requestTimeout()) + " s"));
   }
-}
-
-void ControlServer::Connection::finish(nlohmann::json const& reply) {
-  replyIs(reply);
-  drop();
 }
 
 void ControlServer::Connection::replyIs(nlohmann::json const& reply) {
   // Paths need not be UTF-8; a reply must still go out.
-  std::string text = reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-  text += '\n';
-  // A status of thousands of files outgrows the socket buffer. The reader is
-  // the agent's own CLI, which reads at once, so the write blocks the loop
-  // rather than keeping a queue of its own; a client that stalls for
-  // replyStallSeconds, or takes longer than replyTotalSeconds in all, loses
-  // its reply.
-  fileDescriptor_->nonBlockingIs(false);
-  timeval const stall{replyStallSeconds, 0};
-  if (setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &stall, sizeof stall) != 0) {
-    KEL_TRACE(4, "control reply not sent: SO_SNDTIMEO: " << errnoText(errno));
+  output_ = reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
+  if (output_.size() > maxReplyBytes) {
+    output_ = errorReply("the reply has " + std::to_string(output_.size()) + " bytes, more than the " +
+                         std::to_string(maxReplyBytes) + " the control socket sends")
+                  .dump() +
+              '\n';
+  }
+  request_.clear();
+  request_.shrink_to_fit();
+  // Whatever else the client sends is left unread, so the descriptor is not
+  // reported readable on every turn.
+  fileDescriptor_->notifyOnReadableIs(false);
+  deadline_.timeMinIs(Kel::now() + server_->requestTimeout());
+  writeSome();
+}
+
+void ControlServer::Connection::writeSome() {
+  std::size_t const before = sent_;
+  while (sent_ < output_.size()) {
+    ssize_t const n = send(descriptor_, output_.data() + sent_, output_.size() - sent_, MSG_NOSIGNAL);
+    if (n >= 0) {
+      sent_ += static_cast<std::size_t>(n);
+    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      break;
+    } else if (errno != EINTR) {
+      KEL_TRACE(4, "control reply not sent: " << errnoText(errno));
+      drop();
+      return;
+    }
+  }
+  if (sent_ == output_.size()) {
+    drop();
     return;
   }
-  auto const deadline =
-      std::chrono::steady_clock::now() + std::chrono::duration<double>(replyTotalSeconds);
-  std::size_t sent = 0;
-  while (sent < text.size()) {
-    ssize_t const n = send(descriptor_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      KEL_TRACE(4, "control reply not sent: " << errnoText(errno));
-      return;
-    }
-    sent += static_cast<std::size_t>(n);
-    if (sent < text.size() && std::chrono::steady_clock::now() > deadline) {
-      KEL_TRACE(4, "control reply not sent: the client reads too slowly");
-      return;
-    }
-  }
+  if (sent_ > before) deadline_.timeMinIs(Kel::now() + server_->requestTimeout());
+  fileDescriptor_->notifyOnWritableIs(true);
 }
 
 void ControlServer::Connection::drop() {
@@ -331,7 +325,7 @@ void ControlServer::Connection::drop() {
 
 void ControlServer::Connection::closeDescriptor() {
   if (descriptor_ < 0) return;
-  requestTimer_.notifierIs(nullptr);
+  deadline_.notifierIs(nullptr);
   notifierIs(nullptr);
   // The loop must forget the number before the kernel can hand it out again.
   fileDescriptor_->descriptorIs(-1);
@@ -400,12 +394,17 @@ ControlServer::~ControlServer() {
 }
 
 void ControlServer::acceptingIs(bool v) {
-  listenFileDescriptor_->notifyOnReadableIs(v);
+  accepting_ = v;
   acceptResumer_->timeMinIs(v ? Kel::Clock::never : Kel::now() + acceptPause);
+  acceptUpdate();
+}
+
+void ControlServer::acceptUpdate() {
+  listenFileDescriptor_->notifyOnReadableIs(accepting_ && connections_.size() < maxConnections);
 }
 
 void ControlServer::acceptSome() {
-  for (int i = 0; i < acceptsPerTurn; ++i) {
+  for (int i = 0; i < acceptsPerTurn && connections_.size() < maxConnections; ++i) {
     int const descriptor = accept4(listenDescriptor_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (descriptor < 0) {
       int const error = errno;
@@ -439,6 +438,7 @@ void ControlServer::acceptSome() {
     connections_.emplace(connection.ptr(), connection);
     ++connectionsAccepted_;
   }
+  acceptUpdate();
 }
 
 nlohmann::json ControlServer::replyTo(std::string_view line) const {
@@ -460,6 +460,9 @@ nlohmann::json ControlServer::replyTo(std::string_view line) const {
   return reply;
 }
 
-void ControlServer::connectionDel(Connection* connection) { connections_.erase(connection); }
+void ControlServer::connectionDel(Connection* connection) {
+  connections_.erase(connection);
+  acceptUpdate();
+}
 
 }  // namespace Agent

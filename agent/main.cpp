@@ -1,13 +1,17 @@
 // filerep: the agent that keeps files replicated, and its command line.
 #include <CLI/CLI.hpp>
 
+#include <cctype>
 #include <cerrno>
 #include <ctime>
 #include <iostream>
+#include <iterator>
+#include <vector>
 
 #include "agent/Agent.h"
 #include "agent/ConfigFile.h"
 #include "agent/ControlClient.h"
+#include "agent/ControlOperations.h"
 #include "agent/OperatorLog.h"
 #include "agent/SocketPath.h"
 #include "agent/StatusView.h"
@@ -15,17 +19,15 @@
 
 namespace {
 
-constexpr char const* description = R"(NAME
+constexpr char const* heading = R"(NAME
     filerep - keep files replicated to remote hosts
 
 SYNOPSIS
     filerep run --config FILE [--socket PATH] [--trace-file PATH] [--log-level LEVEL]
     filerep check --config FILE
-    filerep status [--json | --watch [SECONDS]] [--socket PATH]
-    filerep metrics [--socket PATH]
-    filerep replicate REQUESTER [PATH] [--socket PATH]
-    filerep delete-if-not-exist REQUESTER [--socket PATH]
-    filerep trace [--file PATH]
+)";
+
+constexpr char const* description = R"(    filerep trace [--file PATH]
 
 DESCRIPTION
     For every requester of its configuration file, filerep replicates each
@@ -52,6 +54,33 @@ EXIT STATUS
     0 on success, 1 on an error (invalid configuration, no agent running,
     unknown requester or file), 2 on a malformed command line; status
     exits 2 while a file has failed syncErrorThreshold runs in a row.)";
+
+// A command of the command line for each control operation: its fields are
+// positional arguments.
+struct ControlCommand {
+  Agent::ControlOperation const* operation;
+  CLI::App* app;
+  std::string values[Agent::ControlOperation::maxFields];
+};
+
+std::string argumentName(std::string_view field) {
+  std::string text(field);
+  for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return text;
+}
+
+std::string synopsis() {
+  std::string text = heading;
+  for (auto const& operation : Agent::controlOperations) {
+    text += "    filerep " + Agent::commandLineName(operation.name);
+    for (auto const& field : operation.fields) {
+      if (field.name.empty()) continue;
+      text += field.required ? " " + argumentName(field.name) : " [" + argumentName(field.name) + "]";
+    }
+    text += operation.name == "status" ? " [--json | --watch [SECONDS]] [--socket PATH]\n" : " [--json] [--socket PATH]\n";
+  }
+  return text + description;
+}
 
 int fail(std::string const& message) {
   std::cerr << "filerep: " << message << std::endl;
@@ -82,10 +111,8 @@ int ask(std::string const& socket, nlohmann::json const& request, bool json) {
   try {
     nlohmann::json reply = Agent::request(socket, request);
     if (!reply.value("ok", false)) return fail(reply.value("error", std::string("the agent refused the request")));
-    if (request["command"] == "metrics") {
-      std::cout << reply.value("text", std::string());
-    } else if (request["command"] == "status") {
-      reply.erase("ok");
+    reply.erase("ok");
+    if (request["command"] == "status") {
       if (json) {
         std::cout << reply.dump(2) << std::endl;
       } else {
@@ -95,10 +122,18 @@ int ask(std::string const& socket, nlohmann::json const& request, bool json) {
       }
       // As a monitoring check reads it: critical while a file is over its
       // requester's syncErrorThreshold.
-      if (reply.value("alerting", 0) > 0) return 2;
-    } else if (reply.contains("note")) {
-      std::cerr << "filerep: " << reply["note"].get<std::string>() << std::endl;
+      return reply.value("alerting", 0) > 0 ? 2 : 0;
     }
+    if (!json && request["command"] == "metrics") {
+      std::cout << reply.value("text", std::string());
+      return 0;
+    }
+    if (!json && reply.contains("note")) {
+      std::cerr << "filerep: " << reply["note"].get<std::string>() << std::endl;
+      reply.erase("note");
+    }
+    // A reply with no view of its own is shown as it is.
+    if (json || !reply.empty()) std::cout << reply.dump(2) << std::endl;
   } catch (std::exception const& e) {
     return fail(e.what());
   }
@@ -133,11 +168,11 @@ int trace(std::string const& file) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app(description, "filerep");
+  CLI::App app(synopsis(), "filerep");
   app.footer(footer);
   app.require_subcommand(1);
 
-  std::string config, socket = Agent::defaultSocketPath(), traceFile, requester, path;
+  std::string config, socket = Agent::defaultSocketPath(), traceFile;
   char const* morlix = getenv("MORLIX_FILE");
   std::string traceRead = morlix ? morlix : "";
   bool json = false;
@@ -155,29 +190,29 @@ int main(int argc, char** argv) {
       app.add_subcommand("check", "Check a configuration file: print every error and warning, exit 1 if any error.");
   checkCommand->add_option("--config", config, "The configuration file (YAML)")->required();
 
-  auto* status = app.add_subcommand("status", "Show the status of every requester and file.");
-  auto* jsonFlag = status->add_flag("--json", json, "Print JSON");
   double watchSeconds = 0;
-  status->add_option("--watch", watchSeconds, "Show the table again every SECONDS (2 when not given) until Ctrl-C")
-      ->expected(0, 1)
-      ->default_str("2")
-      ->check(CLI::Range(0.1, 3600.0))
-      ->excludes(jsonFlag);
-  status->add_option("--socket", socket, "The control socket")->capture_default_str();
-
-  auto* metrics =
-      app.add_subcommand("metrics", "Print the agent's metrics in the Prometheus text exposition format.");
-  metrics->add_option("--socket", socket, "The control socket")->capture_default_str();
-
-  auto* replicate = app.add_subcommand("replicate", "Replicate one file of a requester now, or all of them.");
-  replicate->add_option("REQUESTER", requester, "The requester")->required();
-  replicate->add_option("PATH", path, "The file (all files when left out)");
-  replicate->add_option("--socket", socket, "The control socket")->capture_default_str();
-
-  auto* deleteCommand = app.add_subcommand(
-      "delete-if-not-exist", "Delete on the remote hosts the files of a disabled requester whose source is gone.");
-  deleteCommand->add_option("REQUESTER", requester, "The requester")->required();
-  deleteCommand->add_option("--socket", socket, "The control socket")->capture_default_str();
+  std::vector<ControlCommand> controlCommands;
+  // CLI keeps pointers to the values.
+  controlCommands.reserve(std::size(Agent::controlOperations));
+  for (auto const& operation : Agent::controlOperations) {
+    auto* command = app.add_subcommand(Agent::commandLineName(operation.name), std::string(operation.help));
+    ControlCommand& added = controlCommands.emplace_back(ControlCommand{&operation, command, {}});
+    for (std::size_t i = 0; i < Agent::ControlOperation::maxFields; ++i) {
+      auto const& field = operation.fields[i];
+      if (field.name.empty()) continue;
+      auto* option = command->add_option(argumentName(field.name), added.values[i], std::string(field.help));
+      if (field.required) option->required();
+    }
+    auto* jsonFlag = command->add_flag("--json", json, "Print the reply as JSON");
+    command->add_option("--socket", socket, "The control socket")->capture_default_str();
+    if (operation.name == "status") {
+      command->add_option("--watch", watchSeconds, "Show the table again every SECONDS (2 when not given) until Ctrl-C")
+          ->expected(0, 1)
+          ->default_str("2")
+          ->check(CLI::Range(0.1, 3600.0))
+          ->excludes(jsonFlag);
+    }
+  }
 
   auto* traceCommand = app.add_subcommand("trace", "Print the trace ring buffer, oldest record first.");
   traceCommand->add_option("--file", traceRead, "The ring buffer file (default: $MORLIX_FILE)");
@@ -190,14 +225,16 @@ int main(int argc, char** argv) {
 
   if (*run) return runAgent(config, socket, traceFile, logLevel);
   if (*checkCommand) return check(config);
-  if (*status && status->count("--watch") > 0) return watchStatus(socket, watchSeconds > 0 ? watchSeconds : 2);
-  if (*status) return ask(socket, {{"command", "status"}}, json);
-  if (*metrics) return ask(socket, {{"command", "metrics"}}, false);
-  if (*replicate) {
-    nlohmann::json request = {{"command", "replicate"}, {"requester", requester}};
-    if (!path.empty()) request["path"] = path;
-    return ask(socket, request, false);
+  for (auto const& command : controlCommands) {
+    if (!*command.app) continue;
+    if (command.operation->name == "status" && command.app->count("--watch") > 0) {
+      return watchStatus(socket, watchSeconds > 0 ? watchSeconds : 2);
+    }
+    nlohmann::json request = {{"command", std::string(command.operation->name)}};
+    for (std::size_t i = 0; i < Agent::ControlOperation::maxFields; ++i) {
+      if (!command.values[i].empty()) request[std::string(command.operation->fields[i].name)] = command.values[i];
+    }
+    return ask(socket, request, json);
   }
-  if (*deleteCommand) return ask(socket, {{"command", "deleteIfNotExist"}, {"requester", requester}}, false);
   return trace(traceRead);
 }

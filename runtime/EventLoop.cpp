@@ -48,33 +48,35 @@ EventLoop::EventLoop() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {
 
 EventLoop::~EventLoop() { close(epoll_); }
 
-void EventLoop::sourceIs(int fd, Source* source) {
-  if (fd < 0 || !source) throwRangeException("sourceIs needs a descriptor and a source");
+void EventLoop::sourceIs(int fd, Source* source, unsigned interest) {
+  if (fd < 0 || !source || !(interest & (readable | writable)) || (interest & ~(readable | writable))) {
+    throwRangeException("sourceIs needs a descriptor, a source and an interest");
+  }
   auto const slot = static_cast<std::size_t>(fd);
-  Source* const old = slot < registered_.size() ? registered_[slot] : nullptr;
-  if (old == source) return;
+  Registered const old = slot < registered_.size() ? registered_[slot] : Registered();
+  if (old.source == source && old.interest == interest) return;
   epoll_event event{};
-  event.events = EPOLLIN;
+  event.events = (interest & readable ? EPOLLIN : 0u) | (interest & writable ? EPOLLOUT : 0u);
   event.data.fd = fd;
-  int rc = epoll_ctl(epoll_, old ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &event);
+  int rc = epoll_ctl(epoll_, old.source ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &event);
   // A closed descriptor leaves the epoll set and its number may come back
   // for another file, so the set can disagree with the table either way.
   if (rc < 0 && errno == ENOENT) rc = epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event);
   if (rc < 0 && errno == EEXIST) rc = epoll_ctl(epoll_, EPOLL_CTL_MOD, fd, &event);
   if (rc < 0) throw ErrnoException(errno, "epoll_ctl");
-  if (slot >= registered_.size()) registered_.resize(slot + 1, nullptr);
-  if (old) {
-    readyDel(fd);
-  } else {
+  if (slot >= registered_.size()) registered_.resize(slot + 1);
+  if (!old.source) {
     ++sources_;
+  } else if (old.source != source) {
+    readyDel(fd);
   }
-  registered_[slot] = source;
+  registered_[slot] = {source, interest};
 }
 
 void EventLoop::sourceDel(int fd, Source* source) {
   auto const slot = static_cast<std::size_t>(fd);
-  if (fd < 0 || slot >= registered_.size() || !source || registered_[slot] != source) return;
-  registered_[slot] = nullptr;
+  if (fd < 0 || slot >= registered_.size() || !source || registered_[slot].source != source) return;
+  registered_[slot] = Registered();
   --sources_;
   readyDel(fd);
   // Fails only for a descriptor closed already, which left the set then.
@@ -85,6 +87,18 @@ void EventLoop::readyDel(int fd) {
   for (int i = 0; i < readyCount_; ++i) {
     if (ready_[i].fd == fd) ready_[i].source = nullptr;
   }
+}
+
+void EventLoop::serve(int index) {
+  constexpr unsigned failed = EPOLLHUP | EPOLLERR;
+  // Asked again after each call: a callback may delete the source or change
+  // what it wants.
+  auto const wants = [&](unsigned interest) {
+    Ready const& ready = ready_[index];
+    return ready.source && (registered_[static_cast<std::size_t>(ready.fd)].interest & interest);
+  };
+  if ((ready_[index].events & (EPOLLIN | failed)) && wants(readable)) ready_[index].source->onReadable();
+  if ((ready_[index].events & (EPOLLOUT | failed)) && wants(writable)) ready_[index].source->onWritable();
 }
 
 void EventLoop::deferredIs(std::function<void()> work) { deferred_.push_back(std::move(work)); }
@@ -109,7 +123,7 @@ void EventLoop::turn(double maxWait) {
   Ready ready[maxEvents];
   for (int i = 0; i < n; ++i) {
     int const fd = events[i].data.fd;
-    ready[i] = {fd, registered_[static_cast<std::size_t>(fd)]};
+    ready[i] = {fd, registered_[static_cast<std::size_t>(fd)].source, events[i].events};
   }
   struct Serving {
     EventLoop& loop;
@@ -122,9 +136,7 @@ void EventLoop::turn(double maxWait) {
   readyCount_ = n;
 
   clock->fireDue();
-  for (int i = 0; i < readyCount_; ++i) {
-    if (Source* source = ready_[i].source) source->onReadable();
-  }
+  for (int i = 0; i < readyCount_; ++i) serve(i);
   ready_ = nullptr;
   readyCount_ = 0;
 

@@ -16,10 +16,16 @@ class EventLoop {
  public:
   static constexpr double forever = std::numeric_limits<double>::infinity();
 
-  // Something the loop watches for readability, level-triggered.
+  // What a source is watched for.
+  enum Interest : unsigned { readable = 1, writable = 2 };
+
+  // Something the loop watches, level-triggered. A hang-up or an error
+  // counts as both readable and writable, so that the next read or write
+  // tells what happened.
   class Source {
    public:
     virtual void onReadable() = 0;
+    virtual void onWritable() {}
 
    protected:
     ~Source() = default;
@@ -30,10 +36,10 @@ class EventLoop {
   EventLoop(EventLoop const&) = delete;
   EventLoop& operator=(EventLoop const&) = delete;
 
-  // One source per descriptor: another source for fd replaces the first.
-  // The descriptor stays open until sourceDel, or the kernel may keep
-  // reporting it.
-  void sourceIs(int fd, Source* source);
+  // One source per descriptor: another source for fd replaces the first,
+  // and the same one again takes the new interest. The descriptor stays
+  // open until sourceDel, or the kernel may keep reporting it.
+  void sourceIs(int fd, Source* source, unsigned interest = readable);
   // After this the source is not called again, not even for readiness the
   // current turn has already collected. Does nothing unless source is the
   // one registered for fd.
@@ -63,13 +69,22 @@ class EventLoop {
   std::size_t sources_ = 0;
   bool stopped_ = false;
   std::deque<std::function<void()>> deferred_;
+  struct Registered {
+    Source* source = nullptr;
+    unsigned interest = 0;
+  };
   // The source registered on each descriptor, indexed by descriptor.
-  std::vector<Source*> registered_;
+  std::vector<Registered> registered_;
   // Readiness collected by the turn in progress; sourceDel clears entries.
   struct Ready {
     int fd;
     Source* source;
+    unsigned events;
   };
+
+  // Calls the source of ready_[index] for what the turn found and the
+  // source still wants.
+  void serve(int index);
   Ready* ready_ = nullptr;
   int readyCount_ = 0;
 };

@@ -32,7 +32,7 @@ void FileDescriptor::descriptorIs(int fd) {
   if (fd >= 0 && nonBlocking_) setNonBlocking(fd, true);
   if (watched_) {
     activityManager()->loop().sourceDel(descriptor_, this);
-    watched_ = false;
+    watched_ = 0;
   }
   descriptor_ = fd;
   watchUpdate();
@@ -49,11 +49,18 @@ void FileDescriptor::notifyOnReadableIs(bool v) {
   watchUpdate();
 }
 
+void FileDescriptor::notifyOnWritableIs(bool v) {
+  notifyOnWritable_ = v;
+  watchUpdate();
+}
+
 void FileDescriptor::watchUpdate() {
-  bool const wanted = notifyOnReadable_ && descriptor_ >= 0;
+  unsigned const wanted = descriptor_ < 0 ? 0u
+                                          : (notifyOnReadable_ ? EventLoop::readable : 0u) |
+                                                (notifyOnWritable_ ? EventLoop::writable : 0u);
   if (wanted == watched_) return;
   if (wanted) {
-    activityManager()->loop().sourceIs(descriptor_, this);
+    activityManager()->loop().sourceIs(descriptor_, this, wanted);
   } else {
     activityManager()->loop().sourceDel(descriptor_, this);
   }
@@ -65,6 +72,12 @@ void FileDescriptor::onReadable() {
   Ptr<FileDescriptor> const self(this);
   ++readableCount_;
   notify(&NotifieeConst::onReadableCount);
+}
+
+void FileDescriptor::onWritable() {
+  Ptr<FileDescriptor> const self(this);
+  ++writableCount_;
+  notify(&NotifieeConst::onWritableCount);
 }
 
 }  // namespace Kel

@@ -10,7 +10,7 @@ namespace Kel {
 
 // An operating-system descriptor served by the event loop. The entity does
 // not own the descriptor: whoever gave it closes it, after turning
-// readability notification off or setting the descriptor to -1.
+// notification off or setting the descriptor to -1.
 class FileDescriptor : public Entity, private EventLoop::Source {
  public:
   class NotifieeConst : public NotifieeBase<FileDescriptor> {
@@ -18,6 +18,10 @@ class FileDescriptor : public Entity, private EventLoop::Source {
     // The descriptor is readable. The loop is level-triggered: while data is
     // left, the reactor is called again on the following turns.
     virtual void onReadableCount() {}
+    // The descriptor takes writes, or has failed so that a write says why.
+    // Level-triggered as well: a descriptor with room is reported every turn,
+    // so notification is on only while there is something to write.
+    virtual void onWritableCount() {}
   };
   using Notifiee = NotifieeConst;
 
@@ -32,8 +36,11 @@ class FileDescriptor : public Entity, private EventLoop::Source {
   void nonBlockingIs(bool v);
   bool notifyOnReadable() const { return notifyOnReadable_; }
   void notifyOnReadableIs(bool v);
-  // How many times the loop found the descriptor readable.
+  bool notifyOnWritable() const { return notifyOnWritable_; }
+  void notifyOnWritableIs(bool v);
+  // How many times the loop found the descriptor readable, and writable.
   std::uint64_t readableCount() const { return readableCount_; }
+  std::uint64_t writableCount() const { return writableCount_; }
 
  protected:
   explicit FileDescriptor(Name name) : name_(name) {}
@@ -41,15 +48,20 @@ class FileDescriptor : public Entity, private EventLoop::Source {
 
  private:
   void onReadable() override;
-  // Registers with the loop exactly while there is a descriptor to watch.
+  void onWritable() override;
+  // Registers with the loop exactly while there is a descriptor and
+  // something to watch it for.
   void watchUpdate();
 
   Name name_;
   int descriptor_ = -1;
   bool nonBlocking_ = false;
   bool notifyOnReadable_ = false;
-  bool watched_ = false;
+  bool notifyOnWritable_ = false;
+  // The interest registered with the loop; 0 when not watched.
+  unsigned watched_ = 0;
   std::uint64_t readableCount_ = 0;
+  std::uint64_t writableCount_ = 0;
 };
 
 }  // namespace Kel

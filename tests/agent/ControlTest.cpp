@@ -1,12 +1,16 @@
 #include <errno.h>
 #include <stdlib.h>
+#include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -20,9 +24,12 @@
 
 #include <gtest/gtest.h>
 
+#include "agent/Agent.h"
 #include "agent/ControlClient.h"
+#include "agent/ControlOperations.h"
 #include "agent/ControlServer.h"
 #include "agent/SocketPath.h"
+#include "tests/agent/AgentProcess.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/FileDescriptor.h"
 #include "tests/support/TestFiles.h"
@@ -56,6 +63,21 @@ std::string readAll(int fd) {
     if (n <= 0) return out;
     out.append(buffer, static_cast<std::size_t>(n));
   }
+}
+
+int bytesWaiting(int fd) {
+  int n = 0;
+  EXPECT_EQ(ioctl(fd, FIONREAD, &n), 0);
+  return n;
+}
+
+bool peerGone(int fd) {
+  pollfd p{fd, POLLRDHUP, 0};
+  return poll(&p, 1, 0) == 1 && (p.revents & (POLLHUP | POLLRDHUP));
+}
+
+void sendAll(int fd, std::string const& bytes) {
+  ASSERT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
 }
 
 // A socket file nobody listens on, as a crashed agent leaves it.
@@ -254,28 +276,53 @@ TEST_F(ControlIntegration, OneAgentPerSocket) {
             "socket directory " + shared + " is writable by group or others (mode 0770); make it 0700");
 }
 
-TEST_F(ControlIntegration, SilentClientIsDroppedAfterTheRequestTimeout) {
+TEST_F(ControlIntegration, SilentAndStuckClientsAreDroppedAndWaitingOnesServedThen) {
   Kel::Ptr<Kel::Clock> const clock = Kel::activityManager()->clock();
   clock->manualTimeIs(true);
   struct RealTimeAgain {
     Kel::Ptr<Kel::Clock> clock;
     ~RealTimeAgain() { clock->manualTimeIs(false); }
   } const realTimeAgain{clock};
+  Kel::EventLoop& loop = Kel::activityManager()->loop();
+  std::size_t const most = Agent::ControlServer::maxConnections;
 
-  Agent::ControlServer server(path_, recorder(), 5);
+  std::string const filler(4 << 20, 'x');
+  Agent::ControlServer server(path_, [&](json const&) -> json { return {{"filler", filler}}; }, 5);
   int const silent = connectedSocket(path_);
   int const partial = connectedSocket(path_);
-  ASSERT_EQ(send(partial, "{\"comm", 6, MSG_NOSIGNAL), 6);
-  EXPECT_TRUE(Kel::activityManager()->loop().runUntil([&] { return server.connections() == 2; }, 10));
+  sendAll(partial, "{\"comm");
+  int const stuck = connectedSocket(path_);
+  sendAll(stuck, "{\"command\": \"status\"}\n");
+  // One more than the server takes: the last waits in the backlog.
+  std::vector<int> others;
+  while (others.size() + 3 <= most) others.push_back(connectedSocket(path_));
+  EXPECT_TRUE(loop.runUntil([&] { return server.connections() == most && bytesWaiting(stuck) > 0; }, 10));
+  loop.turn(0);
+  EXPECT_EQ(server.connectionsAccepted(), most);
+
   clock->advance(4.9);
-  EXPECT_EQ(server.connections(), 2u);
+  EXPECT_EQ(server.connections(), most);
   clock->advance(0.2);
+  bool const waitingServed = loop.runUntil([&] { return server.connectionsAccepted() == most + 1; }, 10);
+  EXPECT_TRUE(waitingServed);
+  EXPECT_EQ(server.connections(), waitingServed ? 1u : 0u);
+  std::string const noRequest = "{\"error\":\"no request within 5 s\",\"ok\":false}\n";
+  EXPECT_EQ(readAll(silent), noRequest);
+  EXPECT_EQ(readAll(partial), noRequest);
+  std::string const cut = readAll(stuck);
+  EXPECT_GT(cut.size(), 0u);
+  EXPECT_LT(cut.size(), filler.size());
+  EXPECT_EQ(cut.find('\n'), std::string::npos);
+
+  clock->advance(5.1);
   EXPECT_EQ(server.connections(), 0u);
-  EXPECT_EQ(readAll(silent), "{\"error\":\"no request within 5 s\",\"ok\":false}\n");
-  EXPECT_EQ(readAll(partial), "{\"error\":\"no request within 5 s\",\"ok\":false}\n");
+  if (waitingServed) {
+    EXPECT_EQ(readAll(others.back()), noRequest);
+  }
+  for (int fd : others) close(fd);
   close(silent);
   close(partial);
-  EXPECT_EQ(exchange(path_, {{"command", "status"}}).reply.value("ok", false), true);
+  close(stuck);
 }
 
 TEST_F(ControlIntegration, ClientSaysWhatWentWrong) {
@@ -318,6 +365,68 @@ TEST_F(ControlIntegration, ClientSaysWhatWentWrong) {
   EXPECT_EQ(against("", 10), "the agent on " + path_ + " closed the connection without replying");
   EXPECT_EQ(against(std::nullopt, 0.05), "no reply from the agent on " + path_ + " within 0.05 s");
   close(listener);
+}
+
+// The real agent, in this process so that its loop can be watched: clients
+// that ask for a status far larger than a socket buffer and read nothing of
+// it hold up neither the replication of a changed file nor other clients.
+TEST(AgentControlE2e, ClientsThatDoNotReadHoldUpNothing) {
+  TempDir d;
+  setenv("PATH", (std::string(REPLICATE_DIR) + ":" + getenv("PATH")).c_str(), 1);
+  std::filesystem::create_directories(d / "src");
+  writeFile(d / "src/a.txt", "a1");
+  std::string config = "requesters:\n  web:\n    mode: inotify\n    files:\n      - {path: " + (d / "src/a.txt") +
+                       ", dstPath: " + (d / "dst/a.txt") + "}\n  bulk:\n    mode: periodic\n    enabled: false\n" +
+                       "    period: 60\n    files:\n";
+  for (int i = 0; i < 8000; ++i) {
+    config += "      - {path: " + (d / "bulk/f") + std::to_string(i) + ", dstPath: " + (d / "out/f") +
+              std::to_string(i) + "}\n";
+  }
+  writeFile(d / "filerep.yaml", config);
+  Agent::Agent agent({d / "filerep.yaml", d / "run/filerep.sock", ""});
+  Kel::EventLoop& loop = Kel::activityManager()->loop();
+  auto const synchronizedSince = [&](double t) {
+    json const file = Agent::fileStatus(agent.status(), "web", d / "src/a.txt");
+    return file.is_object() && file["status"] == "synchronized" && file["lastSynchronized"].is_number() &&
+           file["lastSynchronized"].get<double>() >= t;
+  };
+  ASSERT_TRUE(loop.runUntil([&] { return synchronizedSince(0); }, 30));
+
+  std::vector<int> stuck;
+  for (int i = 0; i < 4; ++i) {
+    stuck.push_back(connectedSocket(d / "run/filerep.sock"));
+    sendAll(stuck.back(), "{\"command\": \"status\"}\n");
+  }
+  double const changed = Kel::now();
+  auto const start = std::chrono::steady_clock::now();
+  writeFile(d / "src/a.txt", "a2");
+  ASSERT_TRUE(loop.runUntil(
+      [&] {
+        return synchronizedSince(changed) && readFile(d / "dst/a.txt") == "a2" &&
+               std::all_of(stuck.begin(), stuck.end(), [](int fd) { return bytesWaiting(fd) > 0; });
+      },
+      30));
+  EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 3);
+
+  // Dropped once they have read nothing for the request time-out, with
+  // their replies cut short.
+  EXPECT_TRUE(loop.runUntil([&] { return std::all_of(stuck.begin(), stuck.end(), peerGone); }, 30));
+  for (int fd : stuck) {
+    std::string const cut = readAll(fd);
+    EXPECT_EQ(cut.find('\n'), std::string::npos);
+    close(fd);
+  }
+
+  // Every operation the server lets through has a handler; anything else is
+  // an error, not a silent success.
+  for (auto const& operation : Agent::controlOperations) {
+    json request = {{"command", std::string(operation.name)}};
+    for (auto const& field : operation.fields) {
+      if (field.required) request[std::string(field.name)] = "nobody";
+    }
+    EXPECT_EQ(agent.handle(request).value("error", "").find("unknown command"), std::string::npos) << request;
+  }
+  EXPECT_EQ(agent.handle({{"command", "bogus"}}), (json{{"ok", false}, {"error", "unknown command \"bogus\""}}));
 }
 
 TEST(SocketPathTest, FollowsTheUsersRuntimeDirectory) {

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -37,6 +38,18 @@ class Reader : public FileDescriptor::Notifiee {
     }
   }
   int lastError = 0;
+};
+
+class Writer : public FileDescriptor::Notifiee {
+ public:
+  int readableCalls = 0;
+  int writableCalls = 0;
+  std::function<void()> onRead;
+  void onReadableCount() override {
+    ++readableCalls;
+    if (onRead) onRead();
+  }
+  void onWritableCount() override { ++writableCalls; }
 };
 
 bool nonBlockingFlag(int fd) { return fcntl(fd, F_GETFL) & O_NONBLOCK; }
@@ -127,6 +140,58 @@ TEST(FileDescriptorIntegration, NoDescriptorOrNotifyOffStopsNotifications) {
     EXPECT_EQ(e.error(), EBADF);
   }
   EXPECT_EQ(fd->descriptor(), -1);
+}
+
+TEST(FileDescriptorIntegration, WritableWhileThereIsRoomAndOnlyWhileAsked) {
+  EventLoop& loop = activityManager()->loop();
+  std::size_t const sourcesBefore = loop.sources();
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
+  Ptr<FileDescriptor> fd = FileDescriptor::FileDescriptorIs("socket");
+  fd->descriptorIs(ends[0]);
+  Ptr<Writer> writer = new Writer();
+  writer->notifierIs(fd);
+  fd->notifyOnWritableIs(true);
+  EXPECT_EQ(loop.sources(), sourcesBefore + 1);
+  loop.turn(0);
+  loop.turn(0);
+  EXPECT_EQ(writer->writableCalls, 2);
+  EXPECT_EQ(writer->readableCalls, 0);
+
+  // A full socket is not reported until the peer makes room.
+  char block[4096] = {};
+  while (send(ends[0], block, sizeof block, MSG_NOSIGNAL) > 0) {
+  }
+  loop.turn(0);
+  EXPECT_EQ(writer->writableCalls, 2);
+  while (recv(ends[1], block, sizeof block, 0) > 0) {
+  }
+  loop.turn(0);
+  EXPECT_EQ(writer->writableCalls, 3);
+
+  // Both at once; writability turned off while reading is not reported
+  // even though the turn found it.
+  fd->notifyOnReadableIs(true);
+  EXPECT_EQ(loop.sources(), sourcesBefore + 1);
+  ASSERT_EQ(send(ends[1], "x", 1, MSG_NOSIGNAL), 1);
+  writer->onRead = [&] { fd->notifyOnWritableIs(false); };
+  loop.turn(0);
+  EXPECT_EQ(writer->readableCalls, 1);
+  EXPECT_EQ(writer->writableCalls, 3);
+  fd->notifyOnReadableIs(false);
+  EXPECT_EQ(loop.sources(), sourcesBefore);
+
+  // A peer gone is reported as writable, so that the write tells it.
+  fd->notifyOnWritableIs(true);
+  close(ends[1]);
+  loop.turn(0);
+  EXPECT_EQ(writer->writableCalls, 4);
+  EXPECT_EQ(fd->writableCount(), 4u);
+  EXPECT_EQ(send(ends[0], "x", 1, MSG_NOSIGNAL), -1);
+  EXPECT_EQ(errno, EPIPE);
+  fd->descriptorIs(-1);
+  EXPECT_EQ(loop.sources(), sourcesBefore);
+  close(ends[0]);
 }
 
 TEST(FileDescriptorIntegration, ReactorMayDropTheEntityInItsCallback) {
