@@ -29,8 +29,8 @@ std::vector<TreeFinding> checkTrees(RequesterSettings const& r, std::function<st
     if (isNew || first->second == i || !told.emplace(first->second, i).second) return;
     findings.push_back({i, true,
                         "file \"" + path + "\" is matched by this entry and by the one at " + where(first->second) +
-                            " (\"" + r.files[first->second].path + "\"); expected each file in one entry of requester \"" +
-                            r.name + "\""});
+                            " (\"" + r.files[first->second].path +
+                            "\"); expected each file in one entry of requester \"" + r.name + "\""});
   };
   // Files named alone claim theirs first, whether they exist or not.
   std::vector<TreeEntry> entries;

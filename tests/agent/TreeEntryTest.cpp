@@ -131,7 +131,8 @@ TEST(TreeConfigTest, ChecksEntriesAgainstTheFileSystem) {
   std::string const a = "file \"" + d / "t/sub/a.conf\" is matched by this entry and by the one at 9:15";
   EXPECT_TRUE(has(parsed.errors, "f.yaml:5:15: " + a));
   EXPECT_TRUE(has(parsed.errors, "f.yaml:7:15: " + a));
-  EXPECT_TRUE(has(parsed.errors, "f.yaml:7:15: file \"" + d / "t/sub/b.conf\" is matched by this entry and by the one at 5:15"));
+  EXPECT_TRUE(has(parsed.errors,
+                  "f.yaml:7:15: file \"" + d / "t/sub/b.conf\" is matched by this entry and by the one at 5:15"));
   EXPECT_TRUE(has(parsed.errors, "f.yaml:10:15: path \"" + d / "t/[x\" is not a valid pattern"));
   EXPECT_TRUE(has(parsed.errors, "f.yaml:12:18: exclude is given for the single file \"/etc/hosts\""));
   EXPECT_TRUE(has(parsed.errors, "f.yaml:14:19: an exclude pattern is \"/abs\""));
