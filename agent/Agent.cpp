@@ -344,6 +344,7 @@ nlohmann::json Agent::status() const {
       file["status"] = known ? nlohmann::json(statusText.str()) : nlohmann::json(nullptr);
       file["state"] = stateText(rsm ? rsm->state() : ReplicationSm::disabled);
       file["dstPath"] = fc->dstPath().str();
+      if (auto const* entry = trees_->entryOf(name.str(), path.str())) file["entry"] = *entry;
       putTime(file, "lastSynchronized", fs ? fs->lastSynchronized() : 0);
       if (fs && !fs->lastError().empty()) file["lastError"] = fs->lastError().str();
       bool const backingOff = rsm && rsm->state() == ReplicationSm::backoff;

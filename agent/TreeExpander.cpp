@@ -49,4 +49,9 @@ nlohmann::json TreeExpander::status(std::string const& requester) const {
   return it == requesters_.end() ? nlohmann::json(nullptr) : it->second->status();
 }
 
+std::string const* TreeExpander::entryOf(std::string const& requester, std::string const& path) const {
+  auto const it = requesters_.find(requester);
+  return it == requesters_.end() ? nullptr : it->second->entryOf(path);
+}
+
 }  // namespace Agent

@@ -34,6 +34,8 @@ class TreeExpander {
   void applied();
   // The requester's entries with their counts; null when it has none.
   nlohmann::json status(std::string const& requester) const;
+  // The path of the tree or pattern that holds the file; null when none does.
+  std::string const* entryOf(std::string const& requester, std::string const& path) const;
 
  private:
   Kel::Ptr<FileReplication::Config> config_;

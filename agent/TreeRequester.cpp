@@ -370,6 +370,11 @@ void TreeRequester::handleOverflow() {
   rescan();
 }
 
+std::string const* TreeRequester::entryOf(std::string const& path) const {
+  auto const it = members_.find(path);
+  return it == members_.end() ? nullptr : &entries_[it->second.entry].settings().path;
+}
+
 nlohmann::json TreeRequester::status() const {
   nlohmann::json entries = nlohmann::json::array();
   std::vector<std::map<std::string, std::size_t>> counts(entries_.size());

@@ -59,6 +59,8 @@ class TreeRequester {
 
   // Per entry: its path, kind, file count and counts by status.
   nlohmann::json status() const;
+  // The path of the entry that holds the file; null when none does.
+  std::string const* entryOf(std::string const& path) const;
 
  private:
   class DirFollower;

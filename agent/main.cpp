@@ -77,7 +77,7 @@ int check(std::string const& config) {
   return 0;
 }
 
-int ask(std::string const& socket, nlohmann::json const& request, bool json) {
+int ask(std::string const& socket, nlohmann::json const& request, bool json, std::string const& shown = {}) {
   try {
     nlohmann::json reply = Agent::request(socket, request);
     if (!reply.value("ok", false)) return fail(reply.value("error", std::string("the agent refused the request")));
@@ -88,7 +88,7 @@ int ask(std::string const& socket, nlohmann::json const& request, bool json) {
       } else {
         timespec now{};
         clock_gettime(CLOCK_REALTIME, &now);
-        std::cout << Agent::statusTable(reply, double(now.tv_sec) + double(now.tv_nsec) / 1e9);
+        std::cout << Agent::statusTable(reply, double(now.tv_sec) + double(now.tv_nsec) / 1e9, shown);
       }
       // As a monitoring check reads it: critical while a file is over its
       // requester's syncErrorThreshold.
@@ -161,6 +161,7 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(0.1, 3600.0))
       ->excludes(jsonFlag);
   status->add_option("--socket", socket, "The control socket")->capture_default_str();
+  status->add_option("REQUESTER", requester, "List every file of this requester, those of its trees too");
 
   auto* replicate = app.add_subcommand("replicate", "Replicate one file of a requester now, or all of them.");
   replicate->add_option("REQUESTER", requester, "The requester")->required();
@@ -184,7 +185,7 @@ int main(int argc, char** argv) {
   if (*run) return runAgent(config, socket, traceFile, logLevel);
   if (*checkCommand) return check(config);
   if (*status && status->count("--watch") > 0) return watchStatus(socket, watchSeconds > 0 ? watchSeconds : 2);
-  if (*status) return ask(socket, {{"command", "status"}}, json);
+  if (*status) return ask(socket, {{"command", "status"}}, json, requester);
   if (*replicate) {
     nlohmann::json request = {{"command", "replicate"}, {"requester", requester}};
     if (!path.empty()) request["path"] = path;

@@ -57,6 +57,12 @@ TEST(AgentTreeE2e, FollowsATreeAndAPatternLive) {
     return entry["files"] == 3 && entry["byStatus"]["synchronized"] == 3;
   })) << agent.status().dump(2);
   EXPECT_TRUE(fileStatus(agent.status(), "web", d / "src/a").is_null());
+  // The table counts a tree's files on its line, and lists them when asked.
+  auto const table = runCommand({FILEREP_PROGRAM, "status", "--socket", agent.socket()});
+  EXPECT_NE(std::string::npos, table.out.find("tree " + d / "src/: 3 files: 3 synchronized")) << table.out;
+  EXPECT_EQ(std::string::npos, table.out.find(d / "src/new")) << table.out;
+  EXPECT_NE(std::string::npos, runCommand({FILEREP_PROGRAM, "status", "web", "--socket", agent.socket()})
+                                   .out.find(d / "src/new -> " + d / "dst/new"));
 
   // The pattern starts to match when its first file appears.
   fs::create_directories(d / "later/p/q");
