@@ -146,6 +146,9 @@ bool TreeRequester::sameEntries(RequesterSettings const& settings) const {
 
 void TreeRequester::settingsIs(RequesterSettings const& settings) {
   settings_ = settings;
+  // The applier brings the requester in line with what is held, in its own
+  // order; until then nothing is changed behind its back.
+  live_ = false;
   if (!settings_.enabled) {
     // A disabled requester runs nothing: nothing to follow either.
     for (auto& [key, follower] : followers_) follower->retire();
@@ -176,7 +179,11 @@ void TreeRequester::appendFiles(std::vector<FileSettings>& files) const {
 
 void TreeRequester::follow() {
   live_ = true;
-  for (auto const& path : departing_) watchDeparture(path, members_.find(path)->second);
+  // Gone while not followed: nothing may have asked their machines yet.
+  for (auto const& path : departing_) {
+    watchDeparture(path, members_.find(path)->second);
+    if (hooks_.replicate) hooks_.replicate(path);
+  }
   armRescan();
   sweepSoon();
 }
