@@ -30,6 +30,7 @@
 #include "agent/OperatorLog.h"
 #include "agent/Progress.h"
 #include "agent/TimeText.h"
+#include "agent/TreeExpander.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/ChildManager.h"
 #include "runtime/FileDescriptor.h"
@@ -107,6 +108,25 @@ std::uint32_t alertThreshold(FileReplication::RequesterConfig const& requester) 
 }
 
 nlohmann::json error(std::string message) { return {{"ok", false}, {"error", std::move(message)}}; }
+
+// What the trees ask of the rest of the agent: the log, and the machines of
+// their requesters.
+TreeExpander::Hooks treeHooks(Agent* agent) {
+  auto requesterSm = [agent](std::string const& name) {
+    return agent->configSm()->requesterConfigSm(Kel::Name(name));
+  };
+  auto nextRun = [requesterSm](std::string const& name) {
+    auto const sm = requesterSm(name);
+    auto const* periodic = dynamic_cast<FileReplication::PeriodicRequesterConfigSm const*>(sm.ptr());
+    return periodic ? periodic->clockTime() : Kel::Clock::never;
+  };
+  auto replicate = [requesterSm](std::string const& name, std::string const& path) {
+    auto const sm = requesterSm(name);
+    auto const rsm = sm ? replicationSmOf(sm.ptr(), path) : nullptr;
+    if (rsm) ReplicationSm::operations().invoke(*rsm, "replicate");
+  };
+  return {[](LogPriority p, std::string const& line) { say(p, line); }, nextRun, replicate};
+}
 
 }  // namespace
 
@@ -213,6 +233,7 @@ Agent::Agent(Options options) : options_(std::move(options)) {
   config_ = FileReplication::Config::ConfigIs();
   status_ = FileReplication::Status::StatusIs();
   configSm_ = FileReplication::configSmFactory(config_, status_);
+  trees_ = std::make_unique<TreeExpander>(config_, status_, treeHooks(this));
   apply(parsed.config);
   try {
     hostStates_ = std::make_unique<HostStates>(config_, HostStates::Hooks{[](LogPriority p, std::string const& line) { say(p, line); }, [this](Kel::Name requester) {
@@ -246,6 +267,7 @@ Agent::~Agent() {
   if (metricsTextfile_) metricsTextfile_->write();
   metricsTextfile_.reset();
   watcher_.reset();
+  trees_.reset();
   hostStates_.reset();
   if (reloadTimer_) reloadTimer_->notifierIs(nullptr);
   if (watchdog_) watchdog_->notifierIs(nullptr);
@@ -306,7 +328,8 @@ std::string Agent::summary() const {
 
 void Agent::apply(AgentConfig const& settings) {
   Kel::activityManager()->children().maxRunningIs(settings.maxConcurrentReplications);
-  for (auto const& line : applyConfig(settings, *config_)) say(LogPriority::error, line);
+  for (auto const& line : applyConfig(trees_->expanded(settings), *config_)) say(LogPriority::error, line);
+  trees_->applied();
   progress_.clear();
   if (hostStates_) hostStates_->configChanged();
   metricsTextfileIs(settings.metricsTextfile);
@@ -364,6 +387,7 @@ nlohmann::json Agent::status() const {
       file["status"] = known ? nlohmann::json(statusText.str()) : nlohmann::json(nullptr);
       file["state"] = stateText(rsm ? rsm->state() : ReplicationSm::disabled);
       file["dstPath"] = fc->dstPath().str();
+      if (auto const* entry = trees_->entryOf(name.str(), path.str())) file["entry"] = *entry;
       putTime(file, "lastSynchronized", fs ? fs->lastSynchronized() : 0);
       if (fs && !fs->lastError().empty()) file["lastError"] = fs->lastError().str();
       bool const backingOff = rsm && rsm->state() == ReplicationSm::backoff;
@@ -381,6 +405,7 @@ nlohmann::json Agent::status() const {
         {"syncErrorThreshold", alertThreshold(*rc)},
         {"files", std::move(files)}};
     if (auto unwatched = unwatchedDirectories(sm.ptr()); !unwatched.empty()) requester["unwatched"] = unwatched;
+    if (auto entries = trees_->status(name.str()); !entries.is_null()) requester["entries"] = std::move(entries);
     // Only an enabled requester runs anything.
     std::size_t const total = rc->enabled() ? rc->files() : 0;
     auto progress = progress_.observe(name.str(), total - std::min(total, pending), total, Kel::now());

@@ -20,6 +20,7 @@ namespace Agent {
 class ControlServer;
 class HostStates;
 class MetricsTextfile;
+class TreeExpander;
 
 // The running agent: owns the configuration and status trees and the root
 // machine over them, reloads the configuration file on SIGHUP and whenever
@@ -85,6 +86,7 @@ class Agent {
   Kel::Ptr<FileReplication::Status> status_;
   Kel::Ptr<FileReplication::ConfigSm> configSm_;
   std::unique_ptr<ControlServer> control_;
+  std::unique_ptr<TreeExpander> trees_;
   int signalFd_ = -1;
   Kel::Ptr<SignalReactor> signals_;
   std::unique_ptr<ConfigFileWatcher> watcher_;

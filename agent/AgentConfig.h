@@ -14,6 +14,8 @@ struct FileSettings {
   std::string path;
   std::string dstPath;
   std::string rsyncOptions;
+  // For a tree or a pattern: what to leave out besides the default litter.
+  std::vector<std::string> exclude = {};
   bool operator==(FileSettings const&) const = default;
 };
 

@@ -18,6 +18,9 @@
 #include <unordered_map>
 
 #include "FileReplication/FileReplicationUtils.h"
+#include "agent/PathPattern.h"
+#include "agent/TreeCheck.h"
+#include "agent/TreeEntry.h"
 #include "tools/Replicate/HostAddress.h"
 #include "tools/Replicate/ShellWords.h"
 
@@ -45,7 +48,7 @@ constexpr std::string_view requesterKeys[] = {"mode",
                                               "maxFilesPerRun",
                                               "deleteDelay",
                                               "files"};
-constexpr std::string_view fileKeys[] = {"path", "dstPath", "rsyncOptions"};
+constexpr std::string_view fileKeys[] = {"path", "dstPath", "rsyncOptions", "exclude"};
 constexpr std::string_view sshKeys[] = {"port", "user", "identityFile", "options"};
 constexpr std::string_view metricsKeys[] = {"textfile"};
 
@@ -301,6 +304,8 @@ class Parser {
   std::optional<std::string> parsePath(YAML::Node const& value, YAML::Mark const& at, std::string const& key,
                                        bool plain);
   void checkWatchable(FileSite const& site);
+  void parseExclude(YAML::Node const& value, YAML::Mark const& at, FileSettings& f);
+  void checkTreesOf(RequesterSettings const& r, std::vector<FileSite> const& sites);
   bool checkCopiedOntoItself(FileSettings const& f, YAML::Mark const& at);
   void checkSource(FileSettings const& f, YAML::Mark const& at);
   void checkRsyncOptions(std::string const& text, YAML::Mark const& at);
@@ -481,11 +486,13 @@ void Parser::parseRequester(std::string const& name, YAML::Node const& key, YAML
   // sites and r.files are filled together. A disabled requester is checked
   // too: it can be enabled without a reload.
   for (std::size_t i = 0; i < sites.size(); ++i) {
+    if (TreeEntry::kindOf(r.files[i].path) != TreeEntry::Kind::file) continue;
     // A file copied onto itself never runs, so its absence deletes nothing.
     bool const neverCopied = r.remoteHosts.empty() && checkCopiedOntoItself(r.files[i], sites[i].mark);
     if (!neverCopied) checkSource(r.files[i], sites[i].mark);
     if (hasMode && modeValid && r.mode == RequesterConfig::inotify) checkWatchable(sites[i]);
   }
+  checkTreesOf(r, sites);
   result_.config.requesters.push_back(std::move(r));
   requesterSsh_.push_back(std::move(ssh));
 }
@@ -662,6 +669,7 @@ void Parser::parseFiles(YAML::Node const& files, YAML::Mark const& at, Requester
     FileSettings f;
     f.rsyncOptions = "-a";
     std::optional<YAML::Mark> pathAt;
+    std::optional<YAML::Mark> excludeAt;
     bool hasDstPath = false;
     forEachEntry(entry, [&](std::string const& k, YAML::Node const& keyNode, YAML::Node const& value) {
       YAML::Mark const valueAt = markOf(value, keyNode);
@@ -678,6 +686,9 @@ void Parser::parseFiles(YAML::Node const& files, YAML::Mark const& at, Requester
         } else {
           error(valueAt, k + " is " + describe(value) + "; expected the options for rsync as one text, like \"-a\"");
         }
+      } else if (k == "exclude") {
+        excludeAt = valueAt;
+        parseExclude(value, valueAt, f);
       } else {
         unknownKey(keyNode, " in a file", fileKeys);
       }
@@ -688,6 +699,10 @@ void Parser::parseFiles(YAML::Node const& files, YAML::Mark const& at, Requester
     }
     if (f.path.empty()) continue;  // already reported
     if (!hasDstPath) f.dstPath = f.path;
+    if (excludeAt && TreeEntry::kindOf(f.path) == TreeEntry::Kind::file) {
+      error(*excludeAt, "exclude is given for the single file " + quoted(f.path) +
+                            "; expected it only with a tree (a path ending in '/') or a pattern");
+    }
     auto const [first, isNew] = firstLine.emplace(f.path, pathAt->line + 1);
     if (!isNew) {
       error(*pathAt, "file " + quoted(f.path) + " is listed twice in requester " + quoted(r.name) +
@@ -708,11 +723,46 @@ std::optional<std::string> Parser::parsePath(YAML::Node const& value, YAML::Mark
     error(at, wrong);
     return std::nullopt;
   }
-  if (plain && !isPlainFilePath(*text)) {
+  // A tree's path ends in '/'; what comes before is spelt as a file's.
+  std::string_view const spelling =
+      plain && text->size() > 1 && text->ends_with('/') ? std::string_view(*text).substr(0, text->size() - 1) : *text;
+  if (plain && !isPlainFilePath(spelling)) {
     error(at, wrong + " without empty, \".\" or \"..\" parts");
     return std::nullopt;
   }
+  if (std::string const fault = plain ? PathPattern::fault(*text) : std::string(); !fault.empty()) {
+    error(at, key + " " + quoted(*text) + " is not a valid pattern: " + fault + "; expected *, ?, [...] or **");
+    return std::nullopt;
+  }
   return text;
+}
+
+void Parser::parseExclude(YAML::Node const& value, YAML::Mark const& at, FileSettings& f) {
+  if (value.IsNull()) return;
+  if (!value.IsSequence()) {
+    error(at, "exclude is " + describe(value) + "; expected a list of patterns, like [\"*.tmp\", \"cache/**\"]");
+    return;
+  }
+  for (auto const& item : value) {
+    YAML::Mark const itemAt = item.IsNull() ? at : item.Mark();
+    auto text = readText(item);
+    std::string const fault = text ? PathPattern::fault(*text) : std::string();
+    if (!text || text->empty() || text->front() == '/' || !fault.empty()) {
+      error(itemAt, "an exclude pattern is " + describe(item) + (fault.empty() ? "" : " (" + fault + ")") +
+                        "; expected a pattern relative to the entry's directory, like \"*.tmp\" or \"cache/**\"");
+      continue;
+    }
+    f.exclude.push_back(std::move(*text));
+  }
+}
+
+void Parser::checkTreesOf(RequesterSettings const& r, std::vector<FileSite> const& sites) {
+  auto where = [&](std::size_t i) {
+    return std::to_string(sites[i].mark.line + 1) + ":" + std::to_string(sites[i].mark.column + 1);
+  };
+  for (auto const& finding : checkTrees(r, where)) {
+    (finding.error ? result_.errors : result_.warnings).push_back(position(sites[finding.entry].mark) + finding.message);
+  }
 }
 
 // The inotify machine waits for a missing directory to appear, and its files

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/TreeStatusText.h"
+
 namespace Agent {
 
 namespace {
@@ -195,7 +197,7 @@ void appendRow(std::string& out, Row const& row, std::array<std::size_t, columns
 
 }  // namespace
 
-std::string statusTable(nlohmann::json const& status, double now) {
+std::string statusTable(nlohmann::json const& status, double now, std::string const& shown) {
   nlohmann::json const& requesters = field(status, "requesters");
   if (!requesters.is_object()) malformed("the reply", "requesters", "an object");
   if (requesters.empty()) return "no requesters\n";
@@ -229,9 +231,12 @@ std::string statusTable(nlohmann::json const& status, double now) {
     nlohmann::json const& hosts = field(requester, "hosts");
     if (!hosts.is_null() && !hosts.is_object()) malformed(where, "hosts", "an object");
     for (auto const& [host, state] : hosts.items()) header += "\n" + hostLine(host, state, where, now);
+    header += entryLines(field(requester, "entries"), where, escaped);
     std::vector<std::pair<Row, std::string>> rows;
     rows.reserve(files.size());
     for (auto const& [path, file] : files.items()) {
+      // A tree's files are counted on its line; listed when asked for.
+      if (file.contains("entry") && name != shown) continue;
       std::string const at = where + " file \"" + escaped(path) + "\"";
       rows.emplace_back(fileRow(path, file, at, now), fileDetail(file, at, now));
       for (std::size_t i = 0; i < columns; ++i) widths[i] = std::max(widths[i], displayWidth(rows.back().first[i]));

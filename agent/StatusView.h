@@ -14,7 +14,9 @@ namespace Agent {
 // at now. Rows are sorted by requester, then path; columns are aligned
 // across the whole table; control characters in names and paths are escaped
 // (\n, \x1b), so that no file name can break the table or drive the
-// terminal. Throws std::runtime_error for a reply that is not a status.
-std::string statusTable(nlohmann::json const& status, double now);
+// terminal. The files of trees and patterns are counted per entry and
+// listed only for the requester shown. Throws std::runtime_error for a
+// reply that is not a status.
+std::string statusTable(nlohmann::json const& status, double now, std::string const& shown = {});
 
 }  // namespace Agent

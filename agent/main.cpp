@@ -77,7 +77,8 @@ std::string synopsis() {
       if (field.name.empty()) continue;
       text += field.required ? " " + argumentName(field.name) : " [" + argumentName(field.name) + "]";
     }
-    text += operation.name == "status" ? " [--json | --watch [SECONDS]] [--socket PATH]\n" : " [--json] [--socket PATH]\n";
+    text += operation.name == "status" ? " [REQUESTER] [--json | --watch [SECONDS]] [--socket PATH]\n"
+                                       : " [--json] [--socket PATH]\n";
   }
   return text + description;
 }
@@ -107,7 +108,7 @@ int check(std::string const& config) {
   return 0;
 }
 
-int ask(std::string const& socket, nlohmann::json const& request, bool json) {
+int ask(std::string const& socket, nlohmann::json const& request, bool json, std::string const& shown = {}) {
   try {
     nlohmann::json reply = Agent::request(socket, request);
     if (!reply.value("ok", false)) return fail(reply.value("error", std::string("the agent refused the request")));
@@ -118,7 +119,7 @@ int ask(std::string const& socket, nlohmann::json const& request, bool json) {
       } else {
         timespec now{};
         clock_gettime(CLOCK_REALTIME, &now);
-        std::cout << Agent::statusTable(reply, double(now.tv_sec) + double(now.tv_nsec) / 1e9);
+        std::cout << Agent::statusTable(reply, double(now.tv_sec) + double(now.tv_nsec) / 1e9, shown);
       }
       // As a monitoring check reads it: critical while a file is over its
       // requester's syncErrorThreshold.
@@ -142,10 +143,10 @@ int ask(std::string const& socket, nlohmann::json const& request, bool json) {
 
 // Until interrupted, as watch(1) would show it; ends at once when the agent
 // cannot be asked.
-int watchStatus(std::string const& socket, double seconds) {
+int watchStatus(std::string const& socket, double seconds, std::string const& shown) {
   for (;;) {
     std::cout << "\x1b[H\x1b[2J";
-    if (ask(socket, {{"command", "status"}}, false) == 1) return 1;
+    if (ask(socket, {{"command", "status"}}, false, shown) == 1) return 1;
     std::cout << std::flush;
     timespec pause{};
     pause.tv_sec = static_cast<time_t>(seconds);
@@ -191,6 +192,7 @@ int main(int argc, char** argv) {
   checkCommand->add_option("--config", config, "The configuration file (YAML)")->required();
 
   double watchSeconds = 0;
+  std::string shownRequester;
   std::vector<ControlCommand> controlCommands;
   // CLI keeps pointers to the values.
   controlCommands.reserve(std::size(Agent::controlOperations));
@@ -211,6 +213,8 @@ int main(int argc, char** argv) {
           ->default_str("2")
           ->check(CLI::Range(0.1, 3600.0))
           ->excludes(jsonFlag);
+      // Only the table needs it: the reply has every file.
+      command->add_option("REQUESTER", shownRequester, "List every file of this requester, those of its trees too");
     }
   }
 
@@ -228,13 +232,13 @@ int main(int argc, char** argv) {
   for (auto const& command : controlCommands) {
     if (!*command.app) continue;
     if (command.operation->name == "status" && command.app->count("--watch") > 0) {
-      return watchStatus(socket, watchSeconds > 0 ? watchSeconds : 2);
+      return watchStatus(socket, watchSeconds > 0 ? watchSeconds : 2, shownRequester);
     }
     nlohmann::json request = {{"command", std::string(command.operation->name)}};
     for (std::size_t i = 0; i < Agent::ControlOperation::maxFields; ++i) {
       if (!command.values[i].empty()) request[std::string(command.operation->fields[i].name)] = command.values[i];
     }
-    return ask(socket, request, json);
+    return ask(socket, request, json, shownRequester);
   }
   return trace(traceRead);
 }

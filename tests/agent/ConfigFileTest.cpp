@@ -145,7 +145,7 @@ metrics: {listen: "127.0.0.1:9100", textfile: metrics.prom}
                 "remoteHostReplicationDelay, maxFilesPerRun, deleteDelay, files",
                 "bad.yaml:15:15: path is \"relative/file\"; expected an absolute file path",
                 "bad.yaml:17:18: dstPath is \"dst\"; expected an absolute file path",
-                "bad.yaml:18:9: unknown key \"rsync\" in a file; expected one of path, dstPath, rsyncOptions",
+                "bad.yaml:18:9: unknown key \"rsync\" in a file; expected one of path, dstPath, rsyncOptions, exclude",
                 "bad.yaml:19:9: a file has no path; expected path: /absolute/file",
                 "bad.yaml:20:15: file \"/srv/a\" is listed twice in requester \"web\" (first at line 16); "
                 "expected each file once",
