@@ -25,13 +25,6 @@ namespace Agent {
 namespace {
 
 constexpr int listenBacklog = 64;
-constexpr std::size_t readChunk = 16 * 1024;
-// Bounds the work one readiness of the listening socket does, so that a
-// burst of clients does not starve the rest of the loop.
-constexpr int acceptsPerTurn = 16;
-// Out of descriptors or memory, accept() fails for as long as the backlog
-// holds clients; accepting pauses this long instead of spinning.
-constexpr double acceptPause = 1;
 
 [[noreturn]] void fail(std::string const& message) { throw std::runtime_error(message); }
 
@@ -113,6 +106,29 @@ void removeStaleSocket(std::string const& path, sockaddr_un const& address) {
   KEL_TRACE(4, "replaced stale control socket " << path);
 }
 
+// One line on the wire. Paths need not be UTF-8; a reply must still go out.
+std::string line(nlohmann::json const& reply) {
+  std::string text = reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
+  if (text.size() <= ControlServer::maxReplyBytes) return text;
+  return errorReply("the reply has " + std::to_string(text.size()) + " bytes, more than the " +
+                    std::to_string(ControlServer::maxReplyBytes) + " the control socket sends")
+             .dump() +
+         '\n';
+}
+
+// The socket's mode already keeps others out where it is honoured; the
+// peer's uid keeps them out everywhere.
+bool peerAllowed(int descriptor) {
+  ucred peer{};
+  socklen_t length = sizeof peer;
+  if (getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
+      (peer.uid == geteuid() || peer.uid == 0)) {
+    return true;
+  }
+  KEL_TRACE(2, "control socket: refused a client of uid " << peer.uid);
+  return false;
+}
+
 std::string requestProblem(nlohmann::json const& request) {
   if (!request.is_object()) return "request must be a JSON object";
   auto const command = request.find("command");
@@ -136,203 +152,6 @@ std::string requestProblem(nlohmann::json const& request) {
 
 }  // namespace
 
-// Reactors.
-
-class ControlServer::Listener : public Kel::FileDescriptor::Notifiee {
- public:
-  explicit Listener(ControlServer* server) : server_(server) {}
-  void onReadableCount() override {
-    // Nothing may escape into the loop: the agent serves on.
-    try {
-      server_->acceptSome();
-    } catch (std::exception const& e) {
-      KEL_TRACE(2, "control socket: " << e.what());
-    }
-  }
-
- private:
-  ControlServer* server_;
-};
-
-class ControlServer::AcceptResumer : public Kel::Clock::Notifiee {
- public:
-  explicit AcceptResumer(ControlServer* server) : server_(server) {}
-  void onTime() override {
-    try {
-      server_->acceptingIs(true);
-    } catch (std::exception const& e) {
-      KEL_TRACE(2, "control socket: cannot accept again: " << e.what());
-    }
-  }
-
- private:
-  ControlServer* server_;
-};
-
-// One client: reads until the newline, queues the reply, writes it as the
-// socket takes it and closes. Lives in the server's table until then;
-// callbacks hold a reference to it because closing takes it out of the
-// table.
-class ControlServer::Connection : public Kel::FileDescriptor::Notifiee {
- public:
-  Connection(ControlServer* server, int descriptor);
-  ~Connection() override { closeDescriptor(); }
-
-  void onReadableCount() override { serve(&Connection::readSome); }
-  void onWritableCount() override { serve(&Connection::writeSome); }
-  void onDeadline() { serve(&Connection::deadlinePassed); }
-  // Closes and leaves the server, whatever is left unsent.
-  void drop();
-  void closeDescriptor();
-
- private:
-  class Deadline : public Kel::Clock::Notifiee {
-   public:
-    explicit Deadline(Connection* connection) : connection_(connection) {}
-    void onTime() override { connection_->onDeadline(); }
-
-   private:
-    Connection* connection_;
-  };
-
-  // Nothing may escape into the loop: the agent serves on.
-  void serve(void (Connection::*step)());
-  void readSome();
-  void writeSome();
-  void deadlinePassed();
-  // Stops reading and starts writing; closes once all is written.
-  void replyIs(nlohmann::json const& reply);
-  bool replying() const { return !output_.empty(); }
-
-  ControlServer* server_;
-  int descriptor_;
-  Kel::Ptr<Kel::FileDescriptor> fileDescriptor_;
-  std::string request_;
-  std::string output_;
-  std::size_t sent_ = 0;
-  // For the request while reading, then for progress of the reply.
-  Deadline deadline_{this};
-};
-
-ControlServer::Connection::Connection(ControlServer* server, int descriptor)
-    : server_(server), descriptor_(descriptor) {
-  fileDescriptor_ = Kel::FileDescriptor::FileDescriptorIs("AgentControlConnection");
-  fileDescriptor_->descriptorIs(descriptor);
-  fileDescriptor_->nonBlockingIs(true);
-  fileDescriptor_->notifyOnReadableIs(true);
-  notifierIs(fileDescriptor_);
-  deadline_.notifierIs(Kel::activityManager()->clock());
-  deadline_.timeMinIs(Kel::now() + server->requestTimeout());
-}
-
-void ControlServer::Connection::serve(void (Connection::*step)()) {
-  Kel::Ptr<Connection> const keep(this);
-  try {
-    (this->*step)();
-  } catch (std::exception const& e) {
-    KEL_TRACE(2, "control connection failed: " << e.what());
-    drop();
-  } catch (...) {
-    drop();
-  }
-}
-
-void ControlServer::Connection::readSome() {
-  std::size_t const old = request_.size();
-  // Never more than one byte past the limit, which tells an oversized request.
-  std::size_t const room = std::min(readChunk, maxRequestBytes + 1 - old);
-  request_.resize(old + room);
-  ssize_t const n = recv(descriptor_, request_.data() + old, room, 0);
-  if (n < 0) {
-    request_.resize(old);
-    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return;
-    KEL_TRACE(4, "control connection read failed: " << errnoText(errno));
-    drop();
-    return;
-  }
-  request_.resize(old + static_cast<std::size_t>(n));
-  if (n == 0) {
-    // A client that connects and goes, as an agent checking for another does,
-    // gets no reply.
-    if (old == 0) {
-      drop();
-    } else {
-      replyIs(errorReply("request ended without a newline"));
-    }
-    return;
-  }
-  std::size_t const newline = request_.find('\n', old);
-  if (newline != std::string::npos && newline <= maxRequestBytes) {
-    replyIs(server_->replyTo(std::string_view(request_.data(), newline)));
-  } else if (request_.size() > maxRequestBytes) {
-    replyIs(errorReply("request longer than " + std::to_string(maxRequestBytes) + " bytes"));
-  }
-}
-
-void ControlServer::Connection::deadlinePassed() {
-  if (replying()) {
-    KEL_TRACE(4, "control client dropped: it read nothing of its reply for " << server_->requestTimeout() << " s");
-    drop();
-  } else {
-    replyIs(errorReply("no request within " + secondsText(server_->requestTimeout()) + " s"));
-  }
-}
-
-void ControlServer::Connection::replyIs(nlohmann::json const& reply) {
-  // Paths need not be UTF-8; a reply must still go out.
-  output_ = reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
-  if (output_.size() > maxReplyBytes) {
-    output_ = errorReply("the reply has " + std::to_string(output_.size()) + " bytes, more than the " +
-                         std::to_string(maxReplyBytes) + " the control socket sends")
-                  .dump() +
-              '\n';
-  }
-  request_.clear();
-  request_.shrink_to_fit();
-  // Whatever else the client sends is left unread, so the descriptor is not
-  // reported readable on every turn.
-  fileDescriptor_->notifyOnReadableIs(false);
-  deadline_.timeMinIs(Kel::now() + server_->requestTimeout());
-  writeSome();
-}
-
-void ControlServer::Connection::writeSome() {
-  std::size_t const before = sent_;
-  while (sent_ < output_.size()) {
-    ssize_t const n = send(descriptor_, output_.data() + sent_, output_.size() - sent_, MSG_NOSIGNAL);
-    if (n >= 0) {
-      sent_ += static_cast<std::size_t>(n);
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      break;
-    } else if (errno != EINTR) {
-      KEL_TRACE(4, "control reply not sent: " << errnoText(errno));
-      drop();
-      return;
-    }
-  }
-  if (sent_ == output_.size()) {
-    drop();
-    return;
-  }
-  if (sent_ > before) deadline_.timeMinIs(Kel::now() + server_->requestTimeout());
-  fileDescriptor_->notifyOnWritableIs(true);
-}
-
-void ControlServer::Connection::drop() {
-  closeDescriptor();
-  server_->connectionDel(this);
-}
-
-void ControlServer::Connection::closeDescriptor() {
-  if (descriptor_ < 0) return;
-  deadline_.notifierIs(nullptr);
-  notifierIs(nullptr);
-  // The loop must forget the number before the kernel can hand it out again.
-  fileDescriptor_->descriptorIs(-1);
-  close(descriptor_);
-  descriptor_ = -1;
-}
-
 // ControlServer.
 
 ControlServer::ControlServer(std::string socketPath, Handler handler, double requestTimeout)
@@ -345,14 +164,14 @@ ControlServer::ControlServer(std::string socketPath, Handler handler, double req
   prepareDirectory(directory.empty() ? "." : directory);
   removeStaleSocket(socketPath_, address);
 
-  listenDescriptor_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (listenDescriptor_ < 0) fail("cannot create the control socket: " + errnoText(errno));
+  int const listenDescriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (listenDescriptor < 0) fail("cannot create the control socket: " + errnoText(errno));
   bool bound = false;
   try {
     // Connecting needs write permission on the socket file, so it is created
     // 0600: umask is the only control over the mode bind gives it.
     mode_t const oldMask = umask(0177);
-    int const rc = bind(listenDescriptor_, asSockaddr(address), sizeof address);
+    int const rc = bind(listenDescriptor, asSockaddr(address), sizeof address);
     int const error = errno;
     umask(oldMask);
     if (rc != 0) fail("cannot bind the control socket " + socketPath_ + ": " + errnoText(error));
@@ -361,84 +180,47 @@ ControlServer::ControlServer(std::string socketPath, Handler handler, double req
     if (stat(socketPath_.c_str(), &st) != 0) fail("cannot stat " + socketPath_ + ": " + errnoText(errno));
     socketDevice_ = st.st_dev;
     socketInode_ = st.st_ino;
-    if (listen(listenDescriptor_, listenBacklog) != 0) {
+    if (listen(listenDescriptor, listenBacklog) != 0) {
       fail("cannot listen on " + socketPath_ + ": " + errnoText(errno));
     }
-    listenFileDescriptor_ = Kel::FileDescriptor::FileDescriptorIs("AgentControlListener");
-    listenFileDescriptor_->descriptorIs(listenDescriptor_);
-    listenFileDescriptor_->nonBlockingIs(true);
-    listener_ = new Listener(this);
-    listener_->notifierIs(listenFileDescriptor_);
-    acceptResumer_ = new AcceptResumer(this);
-    acceptResumer_->notifierIs(Kel::activityManager()->clock());
-    acceptingIs(true);
   } catch (...) {
-    if (listenFileDescriptor_) listenFileDescriptor_->descriptorIs(-1);
-    close(listenDescriptor_);
+    close(listenDescriptor);
     if (bound) unlink(socketPath_.c_str());
+    throw;
+  }
+  StreamServer::Protocol protocol;
+  protocol.reply = [this](std::string_view received, bool ended) { return replyText(received, ended); };
+  protocol.timedOut = [this]() -> std::optional<std::string> {
+    return line(errorReply("no request within " + secondsText(requestTimeout_) + " s"));
+  };
+  protocol.admit = peerAllowed;
+  try {
+    stream_.emplace(listenDescriptor, "control socket", std::move(protocol), requestTimeout_, maxRequestBytes);
+  } catch (...) {
+    unlink(socketPath_.c_str());
     throw;
   }
 }
 
 ControlServer::~ControlServer() {
-  for (auto& entry : connections_) entry.second->closeDescriptor();
-  connections_.clear();
-  acceptResumer_->notifierIs(nullptr);
-  listener_->notifierIs(nullptr);
-  listenFileDescriptor_->descriptorIs(-1);
-  close(listenDescriptor_);
+  stream_.reset();
   struct stat st {};
   if (stat(socketPath_.c_str(), &st) == 0 && st.st_dev == socketDevice_ && st.st_ino == socketInode_) {
     unlink(socketPath_.c_str());
   }
 }
 
-void ControlServer::acceptingIs(bool v) {
-  accepting_ = v;
-  acceptResumer_->timeMinIs(v ? Kel::Clock::never : Kel::now() + acceptPause);
-  acceptUpdate();
-}
-
-void ControlServer::acceptUpdate() {
-  listenFileDescriptor_->notifyOnReadableIs(accepting_ && connections_.size() < maxConnections);
-}
-
-void ControlServer::acceptSome() {
-  for (int i = 0; i < acceptsPerTurn && connections_.size() < maxConnections; ++i) {
-    int const descriptor = accept4(listenDescriptor_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (descriptor < 0) {
-      int const error = errno;
-      if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
-        KEL_TRACE(2, "control socket: accept: " << errnoText(error) << "; pausing");
-        acceptingIs(false);
-      }
-      // EAGAIN and a client gone before accept: the next readiness brings
-      // the next client.
-      return;
-    }
-    // The socket's mode already keeps others out where it is honoured; the
-    // peer's uid keeps them out everywhere.
-    ucred peer{};
-    socklen_t length = sizeof peer;
-    if (getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 ||
-        (peer.uid != geteuid() && peer.uid != 0)) {
-      KEL_TRACE(2, "control socket: refused a client of uid " << peer.uid);
-      close(descriptor);
-      continue;
-    }
-    Kel::Ptr<Connection> connection;
-    try {
-      connection = new Connection(this, descriptor);
-    } catch (std::exception const& e) {
-      // The half-made connection let go of the descriptor on its way out.
-      KEL_TRACE(2, "control socket: cannot serve a client: " << e.what());
-      close(descriptor);
-      continue;
-    }
-    connections_.emplace(connection.ptr(), connection);
-    ++connectionsAccepted_;
+std::optional<std::string> ControlServer::replyText(std::string_view received, bool ended) const {
+  std::size_t const newline = received.find('\n');
+  if (newline != std::string_view::npos && newline <= maxRequestBytes) return line(replyTo(received.substr(0, newline)));
+  if (!ended) return std::nullopt;
+  // A client that connects and goes, as an agent checking for another does,
+  // gets no reply.
+  if (received.empty()) return std::nullopt;
+  if (received.size() > maxRequestBytes) {
+    return line(errorReply("request longer than " + std::to_string(maxRequestBytes) + " bytes"));
   }
-  acceptUpdate();
+  return line(errorReply("request ended without a newline"));
 }
 
 nlohmann::json ControlServer::replyTo(std::string_view line) const {
@@ -458,11 +240,6 @@ nlohmann::json ControlServer::replyTo(std::string_view line) const {
   if (!reply.is_object()) return errorReply("internal error: the reply is not an object");
   if (!reply.contains("ok")) reply["ok"] = true;
   return reply;
-}
-
-void ControlServer::connectionDel(Connection* connection) {
-  connections_.erase(connection);
-  acceptUpdate();
 }
 
 }  // namespace Agent

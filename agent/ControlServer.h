@@ -4,17 +4,13 @@
 
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 #include <nlohmann/json.hpp>
 
-#include "runtime/Ptr.h"
-
-namespace Kel {
-class FileDescriptor;
-}
+#include "agent/StreamServer.h"
 
 namespace Agent {
 
@@ -34,11 +30,7 @@ class ControlServer {
   // A status of 10,000 files is a few MB; a longer reply is replaced by an
   // error saying so, which bounds what one client can hold.
   static constexpr std::size_t maxReplyBytes = 16 * 1024 * 1024;
-  // Beyond it accepting pauses and further clients wait in the listen
-  // backlog: each open connection ends within its time-outs, so a waiting
-  // client is served late rather than refused, and a flood of clients costs
-  // the loop nothing.
-  static constexpr std::size_t maxConnections = 64;
+  static constexpr std::size_t maxConnections = StreamServer::maxConnections;
   static constexpr double defaultRequestTimeout = 5;
 
   // Creates the socket's directory when missing (mode 0700), replaces a stale
@@ -58,38 +50,22 @@ class ControlServer {
   std::string const& socketPath() const { return socketPath_; }
   double requestTimeout() const { return requestTimeout_; }
   // Connections accepted and not closed yet.
-  std::size_t connections() const { return connections_.size(); }
+  std::size_t connections() const { return stream_->connections(); }
   // Every connection accepted so far, refused peers left out.
-  std::size_t connectionsAccepted() const { return connectionsAccepted_; }
+  std::size_t connectionsAccepted() const { return stream_->connectionsAccepted(); }
 
  private:
-  class Listener;
-  class AcceptResumer;
-  class Connection;
-
-  void bindAndListen();
-  void acceptSome();
-  void acceptingIs(bool v);
-  // Listens exactly while accepting and below maxConnections.
-  void acceptUpdate();
   nlohmann::json replyTo(std::string_view line) const;
-  void connectionDel(Connection* connection);
+  std::optional<std::string> replyText(std::string_view received, bool ended) const;
 
   std::string socketPath_;
   Handler handler_;
   double requestTimeout_;
-  int listenDescriptor_ = -1;
   // Identifies the socket file this server bound, so that the destructor
   // removes nothing else.
   dev_t socketDevice_ = 0;
   ino_t socketInode_ = 0;
-  Kel::Ptr<Kel::FileDescriptor> listenFileDescriptor_;
-  Kel::Ptr<Listener> listener_;
-  Kel::Ptr<AcceptResumer> acceptResumer_;
-  // False while accept() is out of descriptors or memory.
-  bool accepting_ = false;
-  std::unordered_map<Connection*, Kel::Ptr<Connection>> connections_;
-  std::size_t connectionsAccepted_ = 0;
+  std::optional<StreamServer> stream_;
 };
 
 }  // namespace Agent
