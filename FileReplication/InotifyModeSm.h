@@ -34,7 +34,7 @@ class InotifyDirSm : public Kel::Entity, private DirWatch::Listener {
   Kel::Ptr<ReplicationSm> replicationSm(Kel::String const& fileName) const;
   ReplicationSmCollection const& replicationSm() const { return replicationSm_; }
   std::size_t replicationSms() const { return replicationSm_.size(); }
-  // Returns the existing machine under fileName unchanged, or creates one.
+  // Returns the existing machine under fileName, given fileConfig, or creates one.
   Kel::Ptr<ReplicationSm> replicationSmIs(Kel::String const& fileName, Kel::Ptr<RequesterConfig const> requesterConfig,
                                           Kel::Ptr<FileConfig const> fileConfig, Kel::Ptr<FileStatus> fileStatus);
   void replicationSmDel(Kel::String const& fileName);

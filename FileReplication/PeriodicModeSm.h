@@ -18,7 +18,7 @@ class PeriodicRequesterConfigSm : public RequesterConfigSmBase {
 
   Kel::Ptr<ReplicationSm> replicationSm(Kel::String const& key) const;
   ReplicationSmCollection const& replicationSm() const { return replicationSm_; }
-  // Returns the existing machine under key unchanged, or creates one.
+  // Returns the existing machine under key, given fileConfig, or creates one.
   Kel::Ptr<ReplicationSm> replicationSmIs(Kel::String const& key, Kel::Ptr<RequesterConfig const> requesterConfig,
                                           Kel::Ptr<FileConfig const> fileConfig, Kel::Ptr<FileStatus> fileStatus);
   void replicationSmDel(Kel::String const& key);

@@ -127,6 +127,13 @@ double ReplicationSm::retryInterval() const { return requesterConfig_->retryInte
 std::uint32_t ReplicationSm::maxFilesPerRun() const { return requesterConfig_->maxFilesPerRun(); }
 double ReplicationSm::deleteDelay() const { return requesterConfig_->deleteDelay(); }
 
+void ReplicationSm::fileConfigIs(Kel::Ptr<FileConfig const> const& fileConfig) {
+  if (!fileConfig || fileConfig == fileConfig_) return;
+  fileConfig_ = fileConfig;
+  // The new destination may be the source itself, or no longer be.
+  handleEnabled();
+}
+
 void ReplicationSm::watchErrorIs(Kel::String const& why) {
   if (watchError_ == why) return;
   watchError_ = why;

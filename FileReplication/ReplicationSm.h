@@ -37,6 +37,8 @@ class ReplicationSm : public Kel::Entity {
   Kel::String8 const& name() const { return name_; }
   Kel::Ptr<RequesterConfig const> requesterConfig() const { return requesterConfig_; }
   Kel::Ptr<FileConfig const> fileConfig() const { return fileConfig_; }
+  // An entry that replaced the file's configuration; its next run uses it.
+  void fileConfigIs(Kel::Ptr<FileConfig const> const& fileConfig);
   Kel::Ptr<FileStatus> fileStatus() const { return fileStatus_; }
   State state() const { return state_; }
   Kel::Ptr<Kel::Clock const> replicationTimeoutClock() const { return replicationTimeoutClock_; }
