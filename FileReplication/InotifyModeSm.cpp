@@ -168,6 +168,17 @@ Kel::Ptr<ReplicationSm> InotifyRequesterConfigSm::replicationSm(Kel::String cons
   return dsm ? dsm->replicationSm(Utils::filename(path)) : nullptr;
 }
 
+InotifyRequesterConfigSm::UnwatchedCollection InotifyRequesterConfigSm::unwatchedDirectories() const {
+  UnwatchedCollection unwatched;
+  for (auto const& [dir, dsm] : dirSm_) {
+    auto const watch = dsm->dirWatch();
+    if (!watch || watch->watchId()) continue;
+    unwatched.insert(dir, watch->error() ? watch->errorText()
+                                         : Kel::String("missing; watching " + watch->waitingOn().str() + " for it to appear"));
+  }
+  return unwatched;
+}
+
 double InotifyRequesterConfigSm::eventClockTime() const {
   InotifyWatches const* watches = InotifyWatches::current();
   return watches ? watches->eventClockTime() : Kel::Clock::never;

@@ -16,7 +16,8 @@ class PeriodicRequesterConfigSm : public RequesterConfigSmBase {
   static Kel::Ptr<PeriodicRequesterConfigSm> PeriodicRequesterConfigSmIs(
       Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig, Kel::Ptr<RequesterStatus> requesterStatus);
 
-  Kel::Ptr<ReplicationSm> replicationSm(Kel::String const& key) const;
+  // key is the file's full path.
+  Kel::Ptr<ReplicationSm> replicationSm(Kel::String const& key) const override;
   ReplicationSmCollection const& replicationSm() const { return replicationSm_; }
   // Returns the existing machine under key, given fileConfig, or creates one.
   Kel::Ptr<ReplicationSm> replicationSmIs(Kel::String const& key, Kel::Ptr<RequesterConfig const> requesterConfig,

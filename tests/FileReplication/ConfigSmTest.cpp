@@ -1,4 +1,4 @@
-#include "FileReplication/FileReplicationSm.h"
+#include "FileReplication/ConfigSm.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

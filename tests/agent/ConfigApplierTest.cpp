@@ -8,7 +8,7 @@
 #include <map>
 #include <stdexcept>
 
-#include "FileReplication/FileReplicationSm.h"
+#include "FileReplication/ConfigSm.h"
 #include "entities/Status.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/Exception.h"
