@@ -56,7 +56,7 @@ class FailingRequester : public Config::NotifieeConst {
   void onRequester(Kel::Name name) override {
     if (name.str() != name_ || !notifier()->requester(name)) return;
     if (error_ == 0) throw std::runtime_error("no machine today");
-    throw Kel::ErrnoException(error_, "");
+    throw Kel::ErrnoException(error_, "inotify_init");
   }
 
  private:
