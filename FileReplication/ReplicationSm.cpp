@@ -10,6 +10,7 @@
 #include "FileReplication/FileReplicationUtils.h"
 #include "FileReplication/Log.h"
 #include "runtime/ActivityManager.h"
+#include "runtime/Exception.h"
 #include "runtime/Trace.h"
 
 KEL_TRACE_FACILITY("FileReplicationSm")
@@ -292,8 +293,7 @@ void ReplicationSm::startReplication() {
   } else {
     // A source we cannot look at may well be there: its copy must not be
     // deleted. The run fails as if Replicate had failed.
-    char text[128];
-    Kel::String const why = Kel::String("cannot stat the source: ") + strerror_r(error, text, sizeof text);
+    Kel::String const why = "cannot stat the source: " + Kel::errnoText(error);
     SM_TRACE(": " << why);
     log(LogPriority::error, "cannot replicate " + path().str() + ": " + why.str());
     if (fileStatus_) fileStatus_->lastErrorIs(why);

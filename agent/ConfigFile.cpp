@@ -18,6 +18,7 @@
 #include <unordered_map>
 
 #include "FileReplication/FileReplicationUtils.h"
+#include "runtime/Exception.h"
 #include "tools/Replicate/HostAddress.h"
 #include "tools/Replicate/ShellWords.h"
 
@@ -74,11 +75,6 @@ constexpr TimeSetting timeSettings[] = {
     {"remoteHostReplicationDelay", &RequesterSettings::remoteHostReplicationDelay, 0, true},
     {"deleteDelay", &RequesterSettings::deleteDelay, 0, true},
 };
-
-std::string describeErrno(int error) {
-  char buffer[256];
-  return strerror_r(error, buffer, sizeof buffer);
-}
 
 std::string quoted(std::string_view s) {
   std::string q = "\"";
@@ -600,7 +596,7 @@ void Parser::checkIdentityFile(std::string const& path, YAML::Mark const& at) {
   struct stat st;
   if (stat(path.c_str(), &st) == 0) return;
   int const failure = errno;
-  std::string const why = " (" + describeErrno(failure) + "); ";
+  std::string const why = " (" + Kel::errnoText(failure) + "); ";
   if (FileReplication::Utils::missing(failure)) {
     warning(at, "identityFile " + quoted(path) + " does not exist" + why + "ssh cannot log in with it until it does");
   } else {
@@ -687,7 +683,7 @@ void Parser::checkWatchable(FileSite const& site) {
   struct stat st;
   int const failure = stat(dir.c_str(), &st) != 0 ? errno : S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
   if (failure == 0) return;
-  std::string const why = " (" + describeErrno(failure) + "); ";
+  std::string const why = " (" + Kel::errnoText(failure) + "); ";
   if (FileReplication::Utils::missing(failure)) {
     warning(site.mark,
             "the directory " + quoted(dir) + " does not exist" + why + "its files are replicated once it appears");
@@ -800,7 +796,7 @@ ParsedConfig parseConfigFile(std::string const& path) {
   std::string text;
   if (int const failure = readWhole(path, text)) {
     ParsedConfig unread;
-    unread.errors.push_back(path + ": cannot read: " + describeErrno(failure));
+    unread.errors.push_back(path + ": cannot read: " + Kel::errnoText(failure));
     return unread;
   }
   if (std::string const unsafe = unsafeOwnership(path); !unsafe.empty()) {
