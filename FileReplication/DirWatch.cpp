@@ -61,8 +61,7 @@ DirWatch::~DirWatch() {
 
 Kel::String DirWatch::errorText() const {
   if (error_ == 0) return Kel::String();
-  char buffer[128];
-  std::string text = "cannot watch the directory " + path_.str() + ": " + strerror_r(error_, buffer, sizeof buffer);
+  std::string text = "cannot watch the directory " + path_.str() + ": " + Kel::errnoText(error_);
   // The kernel's per-user allowances; the defaults are small.
   if (error_ == ENOSPC) text += "; raise the sysctl fs.inotify.max_user_watches";
   if (error_ == EMFILE) text += "; raise the sysctl fs.inotify.max_user_instances";

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "entities/Config.h"
+#include <limits>
+
 #include "entities/RequesterConfig.h"
 #include "entities/RequesterStatus.h"
-#include "entities/Status.h"
 #include "runtime/Clock.h"
 #include "runtime/Collection.h"
 #include "runtime/Entity.h"
@@ -12,6 +12,7 @@
 namespace FileReplication {
 
 class RemoteHostSm;
+class ReplicationSm;
 
 // The mode-independent part of the machine of one requester: keeps the
 // requester's FileStatus entries in step with its files while it is enabled,
@@ -19,6 +20,9 @@ class RemoteHostSm;
 // override.
 class RequesterConfigSmBase : public Kel::Entity {
  public:
+  // Directory -> why its changes cannot be seen now.
+  using UnwatchedCollection = Kel::Collection<Kel::String, Kel::String>;
+
   static Kel::Ptr<RequesterConfigSmBase> RequesterConfigSmBaseIs(Kel::Name name,
                                                                  Kel::Ptr<RequesterConfig const> requesterConfig,
                                                                  Kel::Ptr<RequesterStatus> requesterStatus);
@@ -35,6 +39,13 @@ class RequesterConfigSmBase : public Kel::Entity {
   virtual void handlePeriod();
   virtual void replicateFiles();
   virtual void deleteIfNotExist();
+  // The machine of a configured file, by its full path; null for none.
+  virtual Kel::Ptr<ReplicationSm> replicationSm(Kel::String const& path) const;
+  // Empty for a mode that watches no directory.
+  virtual UnwatchedCollection unwatchedDirectories() const;
+  // When every file is next run on the requester's period; +infinity for a
+  // mode without one.
+  virtual double nextPeriodicRun() const { return std::numeric_limits<double>::infinity(); }
   virtual Kel::Ptr<RemoteHostSm> remoteHostSmDel();
   virtual Kel::Ptr<RemoteHostSm> remoteHostSmIs(RequesterConfigSmBase* base,
                                                 Kel::Ptr<RequesterConfig const> requesterConfig);
@@ -100,42 +111,6 @@ class RemoteHostSm : public Kel::Entity {
   bool initialized_ = false;
 };
 
-// The root machine: one requester machine per requester of the
-// configuration, of the kind its mode asks for, and a RequesterStatus for
-// each of them.
-class ConfigSm : public Kel::Entity {
- public:
-  using RequesterConfigSmCollection = Kel::Collection<Kel::Name, Kel::Ptr<RequesterConfigSmBase>>;
-
-  static Kel::Ptr<ConfigSm> ConfigSmIs(Kel::Ptr<Config const> config, Kel::Ptr<Status> status);
-
-  Kel::Ptr<Config const> config() const;
-  Kel::Ptr<Status> status() const { return status_; }
-  Kel::Ptr<RequesterConfigSmBase> requesterConfigSm(Kel::Name name) const;
-  RequesterConfigSmCollection const& requesterConfigSm() const { return requesterConfigSm_; }
-  void requesterConfigSmIs(Kel::Ptr<RequesterConfigSmBase> const& sm);
-  Kel::Ptr<RequesterConfigSmBase> requesterConfigSmDel(Kel::Name name);
-  void requesterConfigSmDelAll();
-
-  void handleRequesterConfig();
-  void handleRequesterConfig(Kel::Name name);
-
-  virtual void doCleanup();
-  virtual void zombieReactorsDel();
-
- protected:
-  ConfigSm(Kel::Ptr<Config const> config, Kel::Ptr<Status> status);
-  ~ConfigSm() override;
-
- private:
-  class KelConfig;
-
-  Kel::Ptr<KelConfig> config_;
-  Kel::Ptr<Status> status_;
-  RequesterConfigSmCollection requesterConfigSm_;
-};
-
-Kel::Ptr<ConfigSm> configSmFactory(Kel::Ptr<Config const> config, Kel::Ptr<Status> status);
 Kel::Ptr<RequesterConfigSmBase> requesterConfigSmBaseFactory(Kel::Name name,
                                                              Kel::Ptr<RequesterConfig const> requesterConfig,
                                                              Kel::Ptr<RequesterStatus> requesterStatus);

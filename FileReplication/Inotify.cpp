@@ -161,10 +161,10 @@ InotifyMonitor::~InotifyMonitor() { doDestroyFdReactor(); }
 void InotifyMonitor::doInitFdReactor() {
   KEL_TRACE(6, "InotifyMonitor::initFdReactor");
   int const fd = inotify_init();
-  if (fd < 0) throw Kel::ErrnoException(errno, "");
+  if (fd < 0) throw Kel::ErrnoException(errno, "inotify_init");
   try {
     // Children are spawned from this process and must not inherit it.
-    if (fcntl(fd, F_SETFD, FD_CLOEXEC) < 0) throw Kel::ErrnoException(errno, "");
+    if (fcntl(fd, F_SETFD, FD_CLOEXEC) < 0) throw Kel::ErrnoException(errno, "fcntl F_SETFD");
     Kel::Ptr<Kel::FileDescriptor> const fileDescriptor = Kel::FileDescriptor::FileDescriptorIs("Pemsa-inotify");
     fileDescriptor->descriptorIs(fd);
     fileDescriptor->nonBlockingIs(true);
@@ -233,7 +233,7 @@ void InotifyMonitor::inotifyEventDelAll() {
 std::uint32_t InotifyMonitor::newWatchId(Kel::String const& path) const {
   KEL_TRACE(6, "InotifyMonitor::newWatchId");
   int const wd = watchIdOrError(path);
-  if (wd < 0) throw Kel::ErrnoException(-wd, "");
+  if (wd < 0) throw Kel::ErrnoException(-wd, "inotify_add_watch " + path.str());
   return std::uint32_t(wd);
 }
 
@@ -246,7 +246,7 @@ int InotifyMonitor::watchIdOrError(Kel::String const& path) const {
 void InotifyMonitor::watchIdToDelIs(std::uint32_t wd) {
   KEL_TRACE(6, "InotifyMonitor::watchdIdToDelIs " << wd);
   if (inotify_rm_watch(descriptor(), static_cast<int>(wd)) == 0) return;
-  if (errno != EINVAL) throw Kel::ErrnoException(errno, "");
+  if (errno != EINVAL) throw Kel::ErrnoException(errno, "inotify_rm_watch");
   KEL_TRACE(6, "Watch already deleted.");
 }
 
@@ -261,7 +261,7 @@ void InotifyMonitor::handleEvent() {
   ssize_t const n = read(fd, buffer, sizeof buffer);
   if (n < 0) {
     if (errno == EAGAIN) return;
-    throw Kel::ErrnoException(errno, "");
+    throw Kel::ErrnoException(errno, "read inotify");
   }
   std::size_t const length = std::size_t(n);
   for (std::size_t offset = 0; offset + sizeof(inotify_event) <= length;) {

@@ -39,7 +39,10 @@ Kel::Ptr<ReplicationSm> InotifyDirSm::replicationSmIs(Kel::String const& fileNam
                                                       Kel::Ptr<RequesterConfig const> requesterConfig,
                                                       Kel::Ptr<FileConfig const> fileConfig,
                                                       Kel::Ptr<FileStatus> fileStatus) {
-  if (auto present = replicationSm(fileName)) return present;
+  if (auto present = replicationSm(fileName)) {
+    present->fileConfigIs(fileConfig);
+    return present;
+  }
   auto sm = ReplicationSm::ReplicationSmIs(fileName, std::move(requesterConfig), std::move(fileConfig),
                                            std::move(fileStatus), owner_->requesterStatus());
   replicationSm_.insert(fileName, sm);
@@ -165,6 +168,17 @@ Kel::Ptr<ReplicationSm> InotifyRequesterConfigSm::replicationSm(Kel::String cons
   return dsm ? dsm->replicationSm(Utils::filename(path)) : nullptr;
 }
 
+InotifyRequesterConfigSm::UnwatchedCollection InotifyRequesterConfigSm::unwatchedDirectories() const {
+  UnwatchedCollection unwatched;
+  for (auto const& [dir, dsm] : dirSm_) {
+    auto const watch = dsm->dirWatch();
+    if (!watch || watch->watchId()) continue;
+    unwatched.insert(dir, watch->error() ? watch->errorText()
+                                         : Kel::String("missing; watching " + watch->waitingOn().str() + " for it to appear"));
+  }
+  return unwatched;
+}
+
 double InotifyRequesterConfigSm::eventClockTime() const {
   InotifyWatches const* watches = InotifyWatches::current();
   return watches ? watches->eventClockTime() : Kel::Clock::never;
@@ -196,7 +210,10 @@ void InotifyRequesterConfigSm::addWatch(Kel::String const& path, Kel::Ptr<FileCo
   // configuration and the file system may disagree at any moment.
   auto const dsm = dirSmIs(Utils::dirname(path));
   Kel::String const f = Utils::filename(path);
-  if (dsm->replicationSm(f)) return;
+  if (auto present = dsm->replicationSm(f)) {
+    present->fileConfigIs(fileConfig);
+    return;
+  }
   dsm->replicationSmIs(f, requesterConfig(), std::move(fileConfig), std::move(fileStatus));
   linkTargetRefresh(path);
 }

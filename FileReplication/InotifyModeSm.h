@@ -34,7 +34,7 @@ class InotifyDirSm : public Kel::Entity, private DirWatch::Listener {
   Kel::Ptr<ReplicationSm> replicationSm(Kel::String const& fileName) const;
   ReplicationSmCollection const& replicationSm() const { return replicationSm_; }
   std::size_t replicationSms() const { return replicationSm_.size(); }
-  // Returns the existing machine under fileName unchanged, or creates one.
+  // Returns the existing machine under fileName, given fileConfig, or creates one.
   Kel::Ptr<ReplicationSm> replicationSmIs(Kel::String const& fileName, Kel::Ptr<RequesterConfig const> requesterConfig,
                                           Kel::Ptr<FileConfig const> fileConfig, Kel::Ptr<FileStatus> fileStatus);
   void replicationSmDel(Kel::String const& fileName);
@@ -88,8 +88,10 @@ class InotifyRequesterConfigSm : public RequesterConfigSmBase {
   // The existing machine for path, or a new one that starts watching.
   Kel::Ptr<InotifyDirSm> dirSmIs(Kel::String const& path);
   void dirSmDel(Kel::String const& path);
-  // The machine of a configured file, by its full path.
-  Kel::Ptr<ReplicationSm> replicationSm(Kel::String const& path) const;
+  Kel::Ptr<ReplicationSm> replicationSm(Kel::String const& path) const override;
+  // Each directory that is missing (and which ancestor waits for it) or
+  // was refused a watch.
+  UnwatchedCollection unwatchedDirectories() const override;
   // The resolved target of each configured file whose source is a symbolic
   // link, keyed by the file's path.
   LinkTargetCollection const& linkTarget() const { return linkTarget_; }

@@ -49,7 +49,10 @@ Kel::Ptr<ReplicationSm> PeriodicRequesterConfigSm::replicationSmIs(Kel::String c
                                                                    Kel::Ptr<RequesterConfig const> requesterConfig,
                                                                    Kel::Ptr<FileConfig const> fileConfig,
                                                                    Kel::Ptr<FileStatus> fileStatus) {
-  if (auto present = replicationSm(key)) return present;
+  if (auto present = replicationSm(key)) {
+    present->fileConfigIs(fileConfig);
+    return present;
+  }
   return newReplicationSm(key, std::move(requesterConfig), std::move(fileConfig), std::move(fileStatus));
 }
 

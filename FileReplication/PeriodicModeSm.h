@@ -16,9 +16,10 @@ class PeriodicRequesterConfigSm : public RequesterConfigSmBase {
   static Kel::Ptr<PeriodicRequesterConfigSm> PeriodicRequesterConfigSmIs(
       Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig, Kel::Ptr<RequesterStatus> requesterStatus);
 
-  Kel::Ptr<ReplicationSm> replicationSm(Kel::String const& key) const;
+  // key is the file's full path.
+  Kel::Ptr<ReplicationSm> replicationSm(Kel::String const& key) const override;
   ReplicationSmCollection const& replicationSm() const { return replicationSm_; }
-  // Returns the existing machine under key unchanged, or creates one.
+  // Returns the existing machine under key, given fileConfig, or creates one.
   Kel::Ptr<ReplicationSm> replicationSmIs(Kel::String const& key, Kel::Ptr<RequesterConfig const> requesterConfig,
                                           Kel::Ptr<FileConfig const> fileConfig, Kel::Ptr<FileStatus> fileStatus);
   void replicationSmDel(Kel::String const& key);
@@ -29,6 +30,7 @@ class PeriodicRequesterConfigSm : public RequesterConfigSmBase {
   void clockDel();
   // The next expiry, +infinity while parked.
   double clockTime() const;
+  double nextPeriodicRun() const override { return clockTime(); }
   bool initialized() const { return initialized_; }
 
   void handleInitialized();

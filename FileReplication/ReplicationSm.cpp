@@ -10,6 +10,7 @@
 #include "FileReplication/FileReplicationUtils.h"
 #include "FileReplication/Log.h"
 #include "runtime/ActivityManager.h"
+#include "runtime/Exception.h"
 #include "runtime/Trace.h"
 
 KEL_TRACE_FACILITY("FileReplicationSm")
@@ -137,6 +138,13 @@ double ReplicationSm::replicationTimeout() const { return requesterConfig_->repl
 double ReplicationSm::retryInterval() const { return requesterConfig_->retryInterval(); }
 std::uint32_t ReplicationSm::maxFilesPerRun() const { return requesterConfig_->maxFilesPerRun(); }
 double ReplicationSm::deleteDelay() const { return requesterConfig_->deleteDelay(); }
+
+void ReplicationSm::fileConfigIs(Kel::Ptr<FileConfig const> const& fileConfig) {
+  if (!fileConfig || fileConfig == fileConfig_) return;
+  fileConfig_ = fileConfig;
+  // The new destination may be the source itself, or no longer be.
+  handleEnabled();
+}
 
 void ReplicationSm::watchErrorIs(Kel::String const& why) {
   if (watchError_ == why) return;
@@ -296,8 +304,7 @@ void ReplicationSm::startReplication() {
   } else {
     // A source we cannot look at may well be there: its copy must not be
     // deleted. The run fails as if Replicate had failed.
-    char text[128];
-    Kel::String const why = Kel::String("cannot stat the source: ") + strerror_r(error, text, sizeof text);
+    Kel::String const why = "cannot stat the source: " + Kel::errnoText(error);
     SM_TRACE(": " << why);
     log(LogPriority::error, "cannot replicate " + path().str() + ": " + why.str());
     if (fileStatus_) fileStatus_->lastErrorIs(why);

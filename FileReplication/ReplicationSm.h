@@ -40,6 +40,8 @@ class ReplicationSm : public Kel::Entity {
   Kel::String8 const& name() const { return name_; }
   Kel::Ptr<RequesterConfig const> requesterConfig() const { return requesterConfig_; }
   Kel::Ptr<FileConfig const> fileConfig() const { return fileConfig_; }
+  // An entry that replaced the file's configuration; its next run uses it.
+  void fileConfigIs(Kel::Ptr<FileConfig const> const& fileConfig);
   Kel::Ptr<FileStatus> fileStatus() const { return fileStatus_; }
   Kel::Ptr<RequesterStatus> requesterStatus() const { return requesterStatus_; }
   State state() const { return state_; }

@@ -18,9 +18,8 @@
 
 #include "FileReplication/FileReplicationUtils.h"
 #include "FileReplication/DirWatch.h"
-#include "FileReplication/InotifyModeSm.h"
 #include "FileReplication/InotifyWatches.h"
-#include "FileReplication/PeriodicModeSm.h"
+#include "FileReplication/ReplicationSm.h"
 #include "agent/ConfigApplier.h"
 #include "agent/ConfigFile.h"
 #include "agent/ControlServer.h"
@@ -62,28 +61,11 @@ sigset_t handledSignals() {
   return set;
 }
 
-Kel::Ptr<ReplicationSm> replicationSmOf(FileReplication::RequesterConfigSmBase* sm, std::string const& path) {
-  if (auto* periodic = dynamic_cast<FileReplication::PeriodicRequesterConfigSm*>(sm)) {
-    return periodic->replicationSm(path);
-  }
-  if (auto* inotify = dynamic_cast<FileReplication::InotifyRequesterConfigSm*>(sm)) {
-    return inotify->replicationSm(Kel::String(path));
-  }
-  return nullptr;
-}
-
-// The directories of an inotify requester whose changes cannot be seen now,
-// with why: missing (and which ancestor waits for it), or refused a watch.
-nlohmann::json unwatchedDirectories(FileReplication::RequesterConfigSmBase* sm) {
+// The directories of a requester whose changes cannot be seen now, with why.
+nlohmann::json unwatchedDirectories(FileReplication::RequesterConfigSmBase const* sm) {
   nlohmann::json unwatched = nlohmann::json::object();
-  auto* inotify = dynamic_cast<FileReplication::InotifyRequesterConfigSm*>(sm);
-  if (!inotify) return unwatched;
-  for (auto const& [dir, dsm] : inotify->dirSm()) {
-    auto const watch = dsm->dirWatch();
-    if (!watch || watch->watchId()) continue;
-    unwatched[dir.str()] = watch->error() ? watch->errorText().str()
-                                          : "missing; watching " + watch->waitingOn().str() + " for it to appear";
-  }
+  if (!sm) return unwatched;
+  for (auto const& [dir, why] : sm->unwatchedDirectories()) unwatched[dir.str()] = why.str();
   return unwatched;
 }
 
@@ -117,12 +99,11 @@ TreeExpander::Hooks treeHooks(Agent* agent) {
   };
   auto nextRun = [requesterSm](std::string const& name) {
     auto const sm = requesterSm(name);
-    auto const* periodic = dynamic_cast<FileReplication::PeriodicRequesterConfigSm const*>(sm.ptr());
-    return periodic ? periodic->clockTime() : Kel::Clock::never;
+    return sm ? sm->nextPeriodicRun() : Kel::Clock::never;
   };
   auto replicate = [requesterSm](std::string const& name, std::string const& path) {
     auto const sm = requesterSm(name);
-    auto const rsm = sm ? replicationSmOf(sm.ptr(), path) : nullptr;
+    auto const rsm = sm ? sm->replicationSm(Kel::String(path)) : nullptr;
     if (rsm) ReplicationSm::operations().invoke(*rsm, "replicate");
   };
   return {[](LogPriority p, std::string const& line) { say(p, line); }, nextRun, replicate};
@@ -378,7 +359,7 @@ nlohmann::json Agent::status() const {
     std::size_t pending = 0;
     for (auto const& [path, fc] : rc->file()) {
       auto fs = rs ? rs->file(path) : nullptr;
-      auto rsm = sm ? replicationSmOf(sm.ptr(), path.str()) : nullptr;
+      auto rsm = sm ? sm->replicationSm(path.str()) : nullptr;
       nlohmann::json file;
       bool const known = fs && fs->status() != FileReplication::FileStatus::unknown;
       pending += !known || fs->status() == FileReplication::FileStatus::inProgress;
@@ -457,7 +438,7 @@ nlohmann::json Agent::handleReplicate(nlohmann::json const& request) {
   }
   std::string const file = path.get<std::string>();
   if (!rc->file(file)) return error("requester \"" + requester + "\" has no file " + file);
-  auto rsm = replicationSmOf(sm.ptr(), file);
+  auto rsm = sm->replicationSm(file);
   if (!rsm) {
     reply["note"] = "file " + file + " is not tracked while its requester is disabled";
     return reply;

@@ -7,7 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "FileReplication/FileReplicationSm.h"
+#include "FileReplication/ConfigSm.h"
 #include "FileReplication/Log.h"
 #include "agent/AgentConfig.h"
 #include "agent/Progress.h"

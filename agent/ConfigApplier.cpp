@@ -113,10 +113,13 @@ void requesterIs(Config& config, RequesterSettings const& s) {
 }
 
 std::string failureLine(RequesterSettings const& s, std::exception const& e) {
+  return "requester \"" + s.name + "\": cannot be set up: " + e.what();
+}
+
+std::string failureLine(RequesterSettings const& s, Kel::ErrnoException const& e) {
   std::string const head = "requester \"" + s.name + "\": ";
-  auto const* failedCall = dynamic_cast<Kel::ErrnoException const*>(&e);
-  if (failedCall && s.mode == RequesterConfig::inotify) {
-    switch (failedCall->error()) {
+  if (s.mode == RequesterConfig::inotify) {
+    switch (e.error()) {
       case ENOSPC:
         return head +
                "cannot watch its directories: the limit of inotify watches per user is reached; raise "
@@ -129,7 +132,7 @@ std::string failureLine(RequesterSettings const& s, std::exception const& e) {
     }
   }
   std::string what = e.what();
-  if (failedCall && !failedCall->text().empty()) what = failedCall->text() + ": " + what;
+  if (!e.text().empty()) what = e.text() + ": " + what;
   return head + "cannot be set up: " + what;
 }
 
@@ -153,18 +156,23 @@ std::vector<std::string> applyConfig(AgentConfig const& wanted, Config& config) 
     }
   }
   for (auto const& s : wanted.requesters) {
-    try {
-      requesterIs(config, s);
-    } catch (std::exception const& e) {
-      failures.push_back(failureLine(s, e));
-      // Out of the tree, the next application adds it again from scratch:
-      // that is the retry.
+    // Out of the tree, the next application adds it again from scratch:
+    // that is the retry.
+    auto const leaveOut = [&](std::string line) {
+      failures.push_back(std::move(line));
       try {
         config.requesterDel(Kel::Name(s.name));
       } catch (std::exception const&) {
         // The entry is erased before anyone is told, so the tree holds
         // without it whatever a reactor did.
       }
+    };
+    try {
+      requesterIs(config, s);
+    } catch (Kel::ErrnoException const& e) {
+      leaveOut(failureLine(s, e));
+    } catch (std::exception const& e) {
+      leaveOut(failureLine(s, e));
     }
   }
   return failures;

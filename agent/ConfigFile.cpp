@@ -21,6 +21,7 @@
 #include "agent/PathPattern.h"
 #include "agent/TreeCheck.h"
 #include "agent/TreeEntry.h"
+#include "runtime/Exception.h"
 #include "tools/Replicate/HostAddress.h"
 #include "tools/Replicate/ShellWords.h"
 
@@ -78,11 +79,6 @@ constexpr TimeSetting timeSettings[] = {
     {"remoteHostReplicationDelay", &RequesterSettings::remoteHostReplicationDelay, 0, true},
     {"deleteDelay", &RequesterSettings::deleteDelay, 0, true},
 };
-
-std::string describeErrno(int error) {
-  char buffer[256];
-  return strerror_r(error, buffer, sizeof buffer);
-}
 
 std::string quoted(std::string_view s) {
   std::string q = "\"";
@@ -643,7 +639,7 @@ void Parser::checkIdentityFile(std::string const& path, YAML::Mark const& at) {
   struct stat st;
   if (stat(path.c_str(), &st) == 0) return;
   int const failure = errno;
-  std::string const why = " (" + describeErrno(failure) + "); ";
+  std::string const why = " (" + Kel::errnoText(failure) + "); ";
   if (FileReplication::Utils::missing(failure)) {
     warning(at, "identityFile " + quoted(path) + " does not exist" + why + "ssh cannot log in with it until it does");
   } else {
@@ -773,7 +769,7 @@ void Parser::checkWatchable(FileSite const& site) {
   struct stat st;
   int const failure = stat(dir.c_str(), &st) != 0 ? errno : S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
   if (failure == 0) return;
-  std::string const why = " (" + describeErrno(failure) + "); ";
+  std::string const why = " (" + Kel::errnoText(failure) + "); ";
   if (FileReplication::Utils::missing(failure)) {
     warning(site.mark,
             "the directory " + quoted(dir) + " does not exist" + why + "its files are replicated once it appears");
@@ -886,7 +882,7 @@ ParsedConfig parseConfigFile(std::string const& path) {
   std::string text;
   if (int const failure = readWhole(path, text)) {
     ParsedConfig unread;
-    unread.errors.push_back(path + ": cannot read: " + describeErrno(failure));
+    unread.errors.push_back(path + ": cannot read: " + Kel::errnoText(failure));
     return unread;
   }
   if (std::string const unsafe = unsafeOwnership(path); !unsafe.empty()) {

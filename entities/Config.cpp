@@ -24,6 +24,9 @@ Kel::Ptr<RequesterConfig> Config::newRequester(Kel::Name name, RequesterConfig::
 void Config::requesterIs(Kel::Ptr<RequesterConfig> const& r) {
   auto const* present = requester_.find(r->name());
   if (present && *present == r) return;
+  // The machines build a requester's machine when it arrives: the entry it
+  // replaces leaves first, as a removal.
+  if (present) requesterDel(r->name());
   requester_.insert(r->name(), r);
   notify<Notifiee>(&Notifiee::onRequester, r->name());
 }

@@ -27,7 +27,8 @@ class Config : public Kel::Entity {
   // Creates and adds a requester; an existing one of that name and mode is
   // returned as it is, one of another mode is a NameInUseException.
   Kel::Ptr<RequesterConfig> newRequester(Kel::Name name, RequesterConfig::Mode mode);
-  // Adds a requester built beforehand, or replaces the one of that name.
+  // Adds a requester built beforehand, or replaces the one of that name
+  // (told as its removal, then its addition).
   void requesterIs(Kel::Ptr<RequesterConfig> const& r);
   void requesterDel(Kel::Name name);
   void requesterDelAll();

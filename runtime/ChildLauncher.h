@@ -32,7 +32,7 @@ class ChildLauncher {
   // Starts child->argv() and returns its pid, or 0 when the program cannot
   // be started (the manager then reports it exited with status 127). The
   // end of a started child is told once through ChildManager::reportEnd,
-  // unless childDel comes first.
+  // unless childDel comes first. Throwing counts as 0, after a childDel.
   virtual pid_t launch(Ptr<ChildSiginfo> const& child, ChildSetup const& setup) = 0;
 
   // Sends signal to a started child. The manager may call it until the end

@@ -10,6 +10,9 @@
 #include <utility>
 
 #include "runtime/SpawnLauncher.h"
+#include "runtime/Trace.h"
+
+KEL_TRACE_FACILITY("KelChild")
 
 namespace Kel {
 
@@ -164,8 +167,21 @@ void ChildManager::reportEnd(Ptr<ChildSiginfo> const& child, ChildSiginfo::Signa
   });
 }
 
+pid_t ChildManager::launch(Ptr<ChildSiginfo> const& child, ChildSetup const& setup) {
+  try {
+    return launcher_->launch(child, setup);
+  } catch (...) {
+    // The process may have been started before the failure: it is killed
+    // and reaped, and the child ends as one that could not start, so that
+    // no descriptor, zombie or half-started child is left.
+    KEL_TRACE(1, "launching " << child->argv()[0] << " failed");
+    launcher_->childDel(*child);
+    return 0;
+  }
+}
+
 void ChildManager::start(Ptr<ChildSiginfo> const& child, ChildSetup const& setup) {
-  pid_t const pid = launcher_->launch(child, setup);
+  pid_t const pid = launch(child, setup);
   if (pid <= 0) {
     endEarly(child, ChildSiginfo::exited, 127);
     return;
@@ -227,7 +243,7 @@ void ChildManager::startBatch(std::vector<Ptr<ChildSiginfo>> const& members) {
   int const output = input < 0 ? -1 : memoryFileOf({});
   Ptr<ChildSiginfo> carrier = new ChildSiginfo(std::move(work.argv));
   carrier->manager_ = this;
-  pid_t const pid = output < 0 ? 0 : launcher_->launch(carrier, ChildSetup{input, output, -1, -1});
+  pid_t const pid = output < 0 ? 0 : launch(carrier, ChildSetup{input, output, -1, -1});
   if (input >= 0) ::close(input);
   if (pid <= 0) {
     if (output >= 0) ::close(output);

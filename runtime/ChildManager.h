@@ -94,6 +94,8 @@ class ChildManager {
 
   bool slotFree() const { return maxRunning_ == 0 || running_.size() < maxRunning_; }
   void keyIs(ChildSiginfo& child, ChildSetup const& setup) const;
+  // The launcher's launch; a launcher that throws counts as a failed start.
+  pid_t launch(Ptr<ChildSiginfo> const& child, ChildSetup const& setup);
   void start(Ptr<ChildSiginfo> const& child, ChildSetup const& setup);
   void startWaiting();
   // Starts the waiting children on a later turn, after the others asked

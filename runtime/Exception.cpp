@@ -7,18 +7,14 @@
 
 namespace Kel {
 
-namespace {
-
-std::string describeErrno(int error) {
+std::string errnoText(int error) {
   char buffer[256];
   // GNU strerror_r: returns a pointer that may or may not be the buffer.
   return strerror_r(error, buffer, sizeof buffer);
 }
 
-}  // namespace
-
 ErrnoException::ErrnoException(int error, String const& text)
-    : Exception(describeErrno(error)), error_(error), text_(text.str()) {}
+    : Exception(errnoText(error)), error_(error), text_(text.str()) {}
 
 void throwRangeException(std::string const& text) { throw RangeException(text); }
 

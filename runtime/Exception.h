@@ -46,4 +46,8 @@ class ErrnoException : public Exception {
 
 [[noreturn]] void throwRangeException(std::string const& text);
 
+// The system's description of an error number; safe to call from anywhere,
+// unlike strerror.
+std::string errnoText(int error);
+
 }  // namespace Kel

@@ -13,9 +13,9 @@ namespace {
 
 void setNonBlocking(int fd, bool v) {
   int const flags = fcntl(fd, F_GETFL);
-  if (flags < 0) throw ErrnoException(errno, "");
+  if (flags < 0) throw ErrnoException(errno, "fcntl F_GETFL");
   int const wanted = v ? flags | O_NONBLOCK : flags & ~O_NONBLOCK;
-  if (wanted != flags && fcntl(fd, F_SETFL, wanted) < 0) throw ErrnoException(errno, "");
+  if (wanted != flags && fcntl(fd, F_SETFL, wanted) < 0) throw ErrnoException(errno, "fcntl F_SETFL");
 }
 
 }  // namespace

@@ -15,6 +15,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "runtime/Exception.h"
+
 namespace Morlix {
 
 namespace {
@@ -147,11 +149,6 @@ struct Writer {
 Writer writer;
 void (*openChangeHandler)() = nullptr;
 
-std::string errorText(int error) {
-  char buffer[256];
-  return strerror_r(error, buffer, sizeof buffer);
-}
-
 // What makes header unusable for a file of fileSize bytes, or "" when it is fine.
 std::string headerProblem(FileHeader const& header, std::uint64_t fileSize) {
   if (memcmp(header.magic, magic, sizeof magic) != 0) return "not a Morlix ring buffer (bad magic)";
@@ -192,7 +189,7 @@ void readAt(int fd, void* target, std::size_t size, off_t offset, std::string co
   while (size > 0) {
     ssize_t n = pread(fd, bytes, size, offset);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw Error("cannot read " + path + ": " + errorText(errno));
+    if (n < 0) throw Error("cannot read " + path + ": " + Kel::errnoText(errno));
     if (n == 0) throw Error(path + ": file shrank while being read");
     bytes += n;
     size -= static_cast<std::size_t>(n);
@@ -246,22 +243,22 @@ void open(std::string const& path, std::size_t sizeBytes) {
   }
   close();
   Descriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-  if (fd.get() < 0) throw Error("cannot open " + path + ": " + errorText(errno));
+  if (fd.get() < 0) throw Error("cannot open " + path + ": " + Kel::errnoText(errno));
   if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno == EWOULDBLOCK) throw Error(path + ": in use by another writer");
-    throw Error("cannot lock " + path + ": " + errorText(errno));
+    throw Error("cannot lock " + path + ": " + Kel::errnoText(errno));
   }
   bool continued = holdsRingOfSize(fd.get(), sizeBytes);
   if (!continued) {
-    if (ftruncate(fd.get(), 0) != 0) throw Error("cannot truncate " + path + ": " + errorText(errno));
+    if (ftruncate(fd.get(), 0) != 0) throw Error("cannot truncate " + path + ": " + Kel::errnoText(errno));
     // Reserving the blocks now turns a full disk into this error instead of
     // a SIGBUS in the middle of a trace statement.
     if (int error = posix_fallocate(fd.get(), 0, static_cast<off_t>(sizeBytes))) {
-      throw Error("cannot allocate " + std::to_string(sizeBytes) + " bytes for " + path + ": " + errorText(error));
+      throw Error("cannot allocate " + std::to_string(sizeBytes) + " bytes for " + path + ": " + Kel::errnoText(error));
     }
   }
   void* map = mmap(nullptr, sizeBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
-  if (map == MAP_FAILED) throw Error("cannot map " + path + ": " + errorText(errno));
+  if (map == MAP_FAILED) throw Error("cannot map " + path + ": " + Kel::errnoText(errno));
   auto* header = static_cast<FileHeader*>(map);
   if (!continued) {
     header->version = version;
@@ -328,9 +325,9 @@ void openChangeHandlerIs(void (*handler)()) { openChangeHandler = handler; }
 
 Snapshot read(std::string const& path) {
   Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (fd.get() < 0) throw Error("cannot open " + path + ": " + errorText(errno));
+  if (fd.get() < 0) throw Error("cannot open " + path + ": " + Kel::errnoText(errno));
   struct stat status;
-  if (fstat(fd.get(), &status) != 0) throw Error("cannot stat " + path + ": " + errorText(errno));
+  if (fstat(fd.get(), &status) != 0) throw Error("cannot stat " + path + ": " + Kel::errnoText(errno));
   auto fileSize = static_cast<std::uint64_t>(status.st_size);
   if (fileSize < sizeof(FileHeader)) {
     throw Error(path + ": too small for a ring buffer header (" + std::to_string(fileSize) + " bytes)");

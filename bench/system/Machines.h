@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "FileReplication/FileReplicationSm.h"
+#include "FileReplication/ConfigSm.h"
 #include "FileReplication/Inotify.h"
 #include "FileReplication/ReplicationSm.h"
 

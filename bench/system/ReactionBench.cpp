@@ -8,7 +8,7 @@
 
 #include <stdexcept>
 
-#include "FileReplication/FileReplicationSm.h"
+#include "FileReplication/ConfigSm.h"
 #include "bench/system/Benches.h"
 #include "bench/system/Machines.h"
 #include "bench/system/Measure.h"

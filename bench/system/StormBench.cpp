@@ -12,7 +12,7 @@
 #include <thread>
 #include <unordered_map>
 
-#include "FileReplication/FileReplicationSm.h"
+#include "FileReplication/ConfigSm.h"
 #include "bench/system/Benches.h"
 #include "bench/system/Machines.h"
 #include "bench/system/Measure.h"

@@ -1,4 +1,4 @@
-#include "FileReplication/FileReplicationSm.h"
+#include "FileReplication/ConfigSm.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -106,6 +106,12 @@ TEST_F(ConfigSmTest, RequestersOfBothModesComeAndGoWithTheirStatus) {
   EXPECT_EQ(0u, sm_->requesterConfigSm().size());
   config_->requesterIs(requester("q", RequesterConfig::periodic));
   EXPECT_TRUE(Kel::ptr_cast<PeriodicRequesterConfigSm>(sm_->requesterConfigSm("q")));
+
+  // Replaced under its name: a machine of the new entry's kind takes over.
+  auto q = requester("q", RequesterConfig::inotify);
+  config_->requesterIs(q);
+  EXPECT_TRUE(Kel::ptr_cast<InotifyRequesterConfigSm>(sm_->requesterConfigSm("q")));
+  EXPECT_EQ(q, sm_->requesterConfigSm("q")->requesterConfig());
 }
 
 TEST_F(ConfigSmTest, ALeftOverRequesterStatusIsReusedAsItStands) {
@@ -171,8 +177,6 @@ TEST_F(ConfigSmTest, BrokenContractsAbortAndANullMachineIsRefused) {
 
   // A requester that already has a machine is never updated in place.
   EXPECT_DEATH(sm_->handleRequesterConfig("p"), HasSubstr("Assertion failed: !requesterConfigSm( name )"));
-  EXPECT_DEATH(config_->requesterIs(requester("p", RequesterConfig::inotify)),
-               HasSubstr("Assertion failed: !requesterConfigSm( name )"));
 
   // A mode of neither kind aborts before a status entry exists.
   auto bad = RequesterConfig::RequesterConfigIs("bad", static_cast<RequesterConfig::Mode>(2));

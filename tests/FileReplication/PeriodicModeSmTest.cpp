@@ -129,7 +129,7 @@ TEST_F(PeriodicModeSmTest, APeriodChangeRestartsTheWaitAndZeroAsksOnEveryPass) {
   EXPECT_EQ(clock()->now() + period, sm.clockTime());
 }
 
-TEST_F(PeriodicModeSmTest, RemovingAFileStopsItsMachineAtOnce) {
+TEST_F(PeriodicModeSmTest, RemovingAFileStopsItsMachineAtOnceReplacingItRedirectsTheNextRun) {
   auto& sm = make();
   auto const aStatus = rs_->file(Kel::Name(path("a")));
   rc_->fileDel(Kel::Name(path("a")));
@@ -141,12 +141,16 @@ TEST_F(PeriodicModeSmTest, RemovingAFileStopsItsMachineAtOnce) {
   endRunning();
   clock()->advance(period);
   EXPECT_EQ((std::vector<std::string>{path("b")}), sources(2));
+  endRunning();
+  rc_->fileIs(FileConfig::FileConfigIs(Kel::Name(path("b")), "/dst/b2", ""));
+  clock()->advance(period);
+  EXPECT_EQ("/dst/b2", children_.last().argv.at(8));
 
   // Destruction stops the rest and deletes nothing remotely.
   unlink(path("b").c_str());
   sm_ = nullptr;
-  EXPECT_EQ(Signals{SIGKILL}, children_.child(2).signals);
-  EXPECT_EQ(3u, children_.launches());
+  EXPECT_EQ(Signals{SIGKILL}, children_.last().signals);
+  EXPECT_EQ(4u, children_.launches());
 }
 
 TEST_F(PeriodicModeSmTest, OperationsByNameAndTheirSenseWhenDisabled) {

@@ -8,7 +8,7 @@
 #include <map>
 #include <stdexcept>
 
-#include "FileReplication/FileReplicationSm.h"
+#include "FileReplication/ConfigSm.h"
 #include "entities/Status.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/Exception.h"
@@ -56,7 +56,7 @@ class FailingRequester : public Config::NotifieeConst {
   void onRequester(Kel::Name name) override {
     if (name.str() != name_ || !notifier()->requester(name)) return;
     if (error_ == 0) throw std::runtime_error("no machine today");
-    throw Kel::ErrnoException(error_, "");
+    throw Kel::ErrnoException(error_, "inotify_init");
   }
 
  private:

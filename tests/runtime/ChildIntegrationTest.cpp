@@ -6,12 +6,14 @@
 
 #include <csignal>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "runtime/ActivityManager.h"
 #include "runtime/ChildManager.h"
 #include "runtime/ChildSiginfo.h"
+#include "runtime/SpawnLauncher.h"
 #include "tests/support/TestProcess.h"
 
 namespace Kel {
@@ -51,6 +53,23 @@ bool anyChildLeft() {
 struct MaxRunning {
   explicit MaxRunning(std::size_t n) { activityManager()->children().maxRunningIs(n); }
   ~MaxRunning() { activityManager()->children().maxRunningIs(0); }
+};
+
+// Starts the real process, then fails once throws is set.
+class ThrowingLauncher : public ChildLauncher {
+ public:
+  ThrowingLauncher(ChildManager& manager, EventLoop& loop) : real_(manager, loop) {}
+  pid_t launch(Ptr<ChildSiginfo> const& child, ChildSetup const& setup) override {
+    pid_t const pid = real_.launch(child, setup);
+    if (throws) throw std::runtime_error("after the spawn");
+    return pid;
+  }
+  void kill(ChildSiginfo const& child, int signal) override { real_.kill(child, signal); }
+  void childDel(ChildSiginfo const& child) override { real_.childDel(child); }
+  bool throws = false;
+
+ private:
+  SpawnLauncher real_;
 };
 
 TEST(ChildIntegration, ReportsExitStatusAndKillingSignal) {
@@ -162,6 +181,34 @@ TEST(ChildIntegration, LeavesNoZombieAndNoDescriptor) {
   EXPECT_FALSE(anyChildLeft());
   EXPECT_EQ(openDescriptors(), descriptors);
   EXPECT_EQ(loop.sources(), sources);
+}
+
+TEST(ChildIntegration, ALauncherThrowingAfterTheSpawnLeavesNothingBehind) {
+  activityManager()->clock();  // a turn opens the process's clock
+  std::size_t const descriptors = openDescriptors();
+  {
+    EventLoop loop;
+    ChildManager manager(loop);
+    ThrowingLauncher launcher(manager, loop);
+    manager.launcherIs(&launcher);
+    manager.maxRunningIs(1);
+    auto blocker = manager.run({"sleep", "30"}, ChildSetup{});
+    auto waiting = manager.run({"sleep", "30"}, ChildSetup{-1, STDERR_FILENO, -1, -1});
+    launcher.throws = true;
+    blocker->kill(SIGKILL);
+    ASSERT_TRUE(loop.runUntil([&] { return blocker->signalCode() != ChildSiginfo::notEnded; }, 10));
+    EXPECT_FALSE(anyChildLeft());
+    waiting->kill(SIGKILL);
+    auto direct = manager.run({"sleep", "30"}, ChildSetup{});
+    EXPECT_FALSE(anyChildLeft());
+    ASSERT_TRUE(loop.runUntil([&] { return loop.deferred() == 0; }, 10));
+    for (auto const& child : {waiting, direct}) {
+      EXPECT_EQ(child->signalCode(), ChildSiginfo::exited);
+      EXPECT_EQ(child->exitStatus(), 127);
+    }
+    manager.launcherIs(nullptr);
+  }
+  EXPECT_EQ(openDescriptors(), descriptors);
 }
 
 TEST(ChildIntegration, DestroyedManagerKillsAndReapsItsChildren) {

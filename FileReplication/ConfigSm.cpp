@@ -1,0 +1,118 @@
+#include "FileReplication/ConfigSm.h"
+
+#include "FileReplication/InotifyModeSm.h"
+#include "FileReplication/PeriodicModeSm.h"
+#include "FileReplication/ReplicateBatcher.h"
+#include "runtime/ActivityManager.h"
+#include "runtime/Assert.h"
+#include "runtime/ChildManager.h"
+#include "runtime/Exception.h"
+#include "runtime/Trace.h"
+
+KEL_TRACE_FACILITY("FileReplicationSm")
+
+namespace FileReplication {
+
+class ConfigSm::KelConfig : public Config::NotifieeConst {
+ public:
+  explicit KelConfig(ConfigSm* sm) : sm_(sm) {}
+  using Config::NotifieeConst::onRequester;
+  void onRequester(Kel::Name name) override { sm_->handleRequesterConfig(name); }
+
+ private:
+  ConfigSm* sm_;
+};
+
+Kel::Ptr<ConfigSm> ConfigSm::ConfigSmIs(Kel::Ptr<Config const> config, Kel::Ptr<Status> status) {
+  Kel::Ptr<ConfigSm> sm = new ConfigSm(std::move(config), std::move(status));
+  sm->hasNotificationActiveIs(true);
+  return sm;
+}
+
+ConfigSm::ConfigSm(Kel::Ptr<Config const> config, Kel::Ptr<Status> status) {
+  if (config) {
+    config_ = new KelConfig(this);
+    config_->notifierIs(config);
+  }
+  status_ = std::move(status);
+  handleRequesterConfig();
+}
+
+ConfigSm::~ConfigSm() {
+  doCleanup();
+  zombieReactorsDel();
+  if (config_) config_->notifierIs(nullptr);
+}
+
+Kel::Ptr<Config const> ConfigSm::config() const { return config_ ? config_->notifier() : nullptr; }
+
+Kel::Ptr<RequesterConfigSmBase> ConfigSm::requesterConfigSm(Kel::Name name) const {
+  auto const* sm = requesterConfigSm_.find(name);
+  return sm ? *sm : nullptr;
+}
+
+void ConfigSm::requesterConfigSmIs(Kel::Ptr<RequesterConfigSmBase> const& sm) {
+  if (!sm) {
+    Kel::throwRangeException(
+        "null _requesterConfigSm parameter to mutator for FileReplication::ConfigSm::requesterConfigSm not "
+        "allowed\"");
+  }
+  requesterConfigSm_.insert(sm->name(), sm);
+}
+
+Kel::Ptr<RequesterConfigSmBase> ConfigSm::requesterConfigSmDel(Kel::Name name) {
+  auto removed = requesterConfigSm_.erase(name);
+  return removed ? std::move(*removed) : nullptr;
+}
+
+void ConfigSm::requesterConfigSmDelAll() {
+  // One at a time, so each machine goes while the rest are still consistent.
+  while (requesterConfigSm_.popFront()) {
+  }
+}
+
+void ConfigSm::handleRequesterConfig() {
+  KEL_TRACE(3, __PRETTY_FUNCTION__ << ": ");
+  for (auto const& [name, rc] : config()->requester()) handleRequesterConfig(name);
+}
+
+void ConfigSm::handleRequesterConfig(Kel::Name name) {
+  KEL_TRACE(3, __PRETTY_FUNCTION__ << ": " << name);
+  auto rc = config()->requester(name);
+  if (!rc) {
+    requesterConfigSmDel(name);
+    if (status_->requester(name)) status_->requesterDel(name);
+    return;
+  }
+  // A requester's mode cannot change in place: it is removed and added again.
+  KEL_ASSERT(!requesterConfigSm( name ));
+  if (rc->mode() != RequesterConfig::periodic && rc->mode() != RequesterConfig::inotify) {
+    KEL_ASSERT(0 && "invalid mode");
+  }
+  auto rs = status_->requester(name);
+  if (!rs) rs = status_->requesterIs(name);
+  Kel::Ptr<RequesterConfigSmBase> sm;
+  switch (rc->mode()) {
+    case RequesterConfig::periodic: sm = PeriodicRequesterConfigSm::PeriodicRequesterConfigSmIs(name, rc, rs); break;
+    case RequesterConfig::inotify: sm = InotifyRequesterConfigSm::InotifyRequesterConfigSmIs(name, rc, rs); break;
+    default: KEL_ASSERT(0);
+  }
+  requesterConfigSmIs(sm);
+}
+
+void ConfigSm::doCleanup() {
+  requesterConfigSmDelAll();
+  status_->requesterDelAll();
+}
+
+void ConfigSm::zombieReactorsDel() {
+  if (config_) config_->markedForDeletionIs(true);
+}
+
+Kel::Ptr<ConfigSm> configSmFactory(Kel::Ptr<Config const> config, Kel::Ptr<Status> status) {
+  // Requesters that allow more than one file per run get their copies merged.
+  Kel::activityManager()->children().batcherIs(&ReplicateBatcher::instance());
+  return ConfigSm::ConfigSmIs(std::move(config), std::move(status));
+}
+
+}  // namespace FileReplication
