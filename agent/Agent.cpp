@@ -25,6 +25,7 @@
 #include "agent/ControlServer.h"
 #include "agent/HostStates.h"
 #include "agent/Metrics.h"
+#include "agent/MetricsListener.h"
 #include "agent/MetricsTextfile.h"
 #include "agent/OperatorLog.h"
 #include "agent/Progress.h"
@@ -232,7 +233,9 @@ Agent::Agent(Options options) : options_(std::move(options)) {
   reloadTimer_ = new ReloadTimer(this);
   reloadTimer_->notifierIs(Kel::activityManager()->clock());
   watcher_ = std::make_unique<ConfigFileWatcher>(this, configPath);
-  say(LogPriority::notice, "running with " + std::to_string(config_->requesters()) + " requesters from " + options_.configPath);
+  running_ = true;
+  say(LogPriority::notice,
+      "running with " + std::to_string(config_->requesters()) + " requesters from " + options_.configPath);
   // Ready once the first configuration is applied, so that whatever is
   // ordered after the service finds it replicating.
   systemd_.send("READY=1\nSTATUS=" + summary());
@@ -247,6 +250,7 @@ Agent::~Agent() {
   // While everything it shows is still there.
   if (metricsTextfile_) metricsTextfile_->write();
   metricsTextfile_.reset();
+  metricsListener_.reset();
   watcher_.reset();
   trees_.reset();
   hostStates_.reset();
@@ -314,6 +318,21 @@ void Agent::apply(AgentConfig const& settings) {
   progress_.clear();
   if (hostStates_) hostStates_->configChanged();
   metricsTextfileIs(settings.metricsTextfile);
+  metricsListenIs(settings.metricsListen);
+}
+
+// A listener that cannot start stops the agent's start, as the control
+// socket does; on a reload the running one stays.
+void Agent::metricsListenIs(std::string const& address) {
+  if (address == (metricsListener_ ? metricsListener_->address() : std::string())) return;
+  try {
+    // The old one first: the new one may want the same port.
+    metricsListener_.reset();
+    if (!address.empty()) metricsListener_ = std::make_unique<MetricsListener>(address, [this] { return metrics(); });
+  } catch (std::runtime_error const&) {
+    if (!running_) throw;
+    say(LogPriority::error, std::string("metrics are not served: cannot listen on ") + address);
+  }
 }
 
 void Agent::metricsTextfileIs(std::string const& path) {
@@ -321,13 +340,14 @@ void Agent::metricsTextfileIs(std::string const& path) {
   if (metricsTextfile_) {
     // Left behind, the collector would serve its figures for ever.
     if (unlink(metricsTextfile_->path().c_str()) != 0 && errno != ENOENT) {
-      say(LogPriority::warning, "cannot remove the old metrics file " + metricsTextfile_->path() + ": " + strerror(errno));
+      say(LogPriority::warning,
+          "cannot remove the old metrics file " + metricsTextfile_->path() + ": " + strerror(errno));
     }
     metricsTextfile_.reset();
   }
   if (path.empty()) return;
-  metricsTextfile_ = std::make_unique<MetricsTextfile>(
-      path, status_, [this] { return metrics(); }, [](std::string const& why) { say(LogPriority::warning, "metrics: " + why); });
+  metricsTextfile_ = std::make_unique<MetricsTextfile>(path, status_, [this] { return metrics(); },
+                                                       [](std::string const& why) { say(LogPriority::warning, "metrics: " + why); });
 }
 
 void Agent::metricsChanged() {

@@ -19,6 +19,7 @@ namespace Agent {
 
 class ControlServer;
 class HostStates;
+class MetricsListener;
 class MetricsTextfile;
 class TreeExpander;
 
@@ -72,6 +73,7 @@ class Agent {
   void reloadSoon();
   // Follows the configured path: none, the same, or another one.
   void metricsTextfileIs(std::string const& path);
+  void metricsListenIs(std::string const& address);
   void metricsChanged();
   // One line for the service manager: "3 requesters, 1204 files, 2 failed".
   std::string summary() const;
@@ -100,6 +102,9 @@ class Agent {
   std::uint64_t reloads_ = 0;
   std::uint64_t reloadErrors_ = 0;
   std::unique_ptr<MetricsTextfile> metricsTextfile_;
+  std::unique_ptr<MetricsListener> metricsListener_;
+  // Set once the first configuration is applied.
+  bool running_ = false;
 };
 
 // Makes sure a Replicate program can be found: PATH is left exactly as it is

@@ -46,6 +46,9 @@ struct AgentConfig {
   // Where the metrics are kept for a node exporter's textfile collector;
   // empty: nowhere.
   std::string metricsTextfile;
+  // Where the metrics are served over HTTP, as "127.0.0.1:9464"; empty:
+  // nowhere.
+  std::string metricsListen;
   std::vector<RequesterSettings> requesters;
   bool operator==(AgentConfig const&) const = default;
 };

@@ -18,6 +18,7 @@
 #include <unordered_map>
 
 #include "FileReplication/FileReplicationUtils.h"
+#include "agent/MetricsListener.h"
 #include "agent/PathPattern.h"
 #include "agent/TreeCheck.h"
 #include "agent/TreeEntry.h"
@@ -51,7 +52,7 @@ constexpr std::string_view requesterKeys[] = {"mode",
                                               "files"};
 constexpr std::string_view fileKeys[] = {"path", "dstPath", "rsyncOptions", "exclude"};
 constexpr std::string_view sshKeys[] = {"port", "user", "identityFile", "options"};
-constexpr std::string_view metricsKeys[] = {"textfile"};
+constexpr std::string_view metricsKeys[] = {"textfile", "listen"};
 
 // What an ssh mapping gives; a requester's replaces the top-level one key by
 // key, so that one requester can change the port and keep the shared key.
@@ -587,6 +588,17 @@ void Parser::parseMetrics(YAML::Node const& metrics, YAML::Mark const& at) {
   }
   forEachEntry(metrics, [&](std::string const& k, YAML::Node const& keyNode, YAML::Node const& value) {
     YAML::Mark const valueAt = markOf(value, keyNode);
+    if (k == "listen") {
+      auto const text = readText(value);
+      std::string problem = text ? "" : "it is " + describe(value);
+      if (text && parseListenAddress(*text, problem)) {
+        result_.config.metricsListen = *text;
+      } else {
+        error(valueAt, "listen " + (text ? quoted(*text) : std::string("value")) + ": " + problem +
+                           "; expected an address and port, like 127.0.0.1:9464 or [::1]:9464");
+      }
+      return;
+    }
     if (k != "textfile") {
       unknownKey(keyNode, " in metrics", metricsKeys);
       return;

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "tests/agent/AgentProcess.h"
+#include "tests/support/TestSshd.h"
 
 namespace Agent {
 namespace {
@@ -185,8 +186,9 @@ TEST(AgentE2e, ManyFilesShareFewRunsAndAFailedCopyFailsOnlyItsFile) {
   }
   std::string const broken = "d7/f42";
   std::filesystem::create_directories(d / "dst/" + broken + "/in-the-way");
+  std::string const port = std::to_string(freePort());
   std::string text = "maxConcurrentReplications: 2\nmetrics: {textfile: " + (d / "metrics.prom") +
-                     "}\nrequesters:\n  web:\n    mode: inotify\n    retryInterval: 600\n    syncErrorThreshold: 1\n"
+                     ", listen: \"127.0.0.1:" + port + "\"}\nrequesters:\n  web:\n    mode: inotify\n    retryInterval: 600\n    syncErrorThreshold: 1\n"
                      "    files:\n";
   for (auto const& name : names) text += "      - {path: " + (d / "src/" + name) + ", dstPath: " + (d / "dst/" + name) + "}\n";
   writeFile(d / "filerep.yaml", text);
@@ -234,6 +236,11 @@ TEST(AgentE2e, ManyFilesShareFewRunsAndAFailedCopyFailsOnlyItsFile) {
             succeeded + sample("filerep_runs_failed_total{requester=\"web\"}"));
   EXPECT_GE(sample("filerep_inotify_watches"), 20);
   EXPECT_GT(sample("filerep_last_success_timestamp_seconds{requester=\"web\"}"), 0);
+  // As a scraper gets them.
+  auto const scraped = runCommand({"bash", "-c", "exec 3<>/dev/tcp/127.0.0.1/" + port +
+                                                     " && printf 'GET /metrics HTTP/1.0\\r\\n\\r\\n' >&3 && cat <&3"});
+  EXPECT_TRUE(scraped.out.starts_with("HTTP/1.1 200 OK\r\n")) << scraped.out << scraped.err;
+  EXPECT_NE(std::string::npos, scraped.out.find("\nfilerep_files_alerting{requester=\"web\"} 1\n")) << scraped.out;
   EXPECT_TRUE(std::filesystem::exists(d / "metrics.prom")) << "written soon after the start";
   EXPECT_EQ(0, agent.stop(SIGTERM)) << agent.log();
   auto const written = parsedMetrics(readFile(d / "metrics.prom"));

@@ -125,7 +125,7 @@ requesters:
     remoteHosts: one,two
     files: /srv/file
     maxFilesPerRun: 0
-metrics: {listen: "127.0.0.1:9100", textfile: metrics.prom}
+metrics: {listen: "localhost:9100", textfile: metrics.prom}
 )",
                                      "bad.yaml");
   EXPECT_EQ((Lines{
@@ -164,7 +164,8 @@ metrics: {listen: "127.0.0.1:9100", textfile: metrics.prom}
                 "bad.yaml:35:18: remoteHosts is \"one,two\"; expected a list of host names, like [host1, host2]",
                 "bad.yaml:36:12: files is \"/srv/file\"; expected a list of files, each a mapping with path",
                 "bad.yaml:37:21: maxFilesPerRun is \"0\"; expected a whole number >= 1",
-                "bad.yaml:38:11: unknown key \"listen\" in metrics; expected one of textfile",
+                "bad.yaml:38:19: listen \"localhost:9100\": \"localhost\" is not an IPv4 address (an IPv6 one goes in "
+                "brackets); expected an address and port, like 127.0.0.1:9464 or [::1]:9464",
                 "bad.yaml:38:47: textfile is \"metrics.prom\"; expected an absolute file path",
             }),
             parsed.errors);

@@ -56,22 +56,6 @@ void makeKey(std::string const& file) {
   }
 }
 
-// Binding port 0 lets the kernel pick a port nobody uses; it stays free
-// for sshd unless another process grabs it in between, which the
-// ephemeral range makes unlikely.
-int freePort() {
-  Descriptor socketFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (socketFd.get() < 0) throw systemError("socket");
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (bind(socketFd.get(), reinterpret_cast<sockaddr*>(&address), length) != 0) throw systemError("bind");
-  if (getsockname(socketFd.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    throw systemError("getsockname");
-  }
-  return ntohs(address.sin_port);
-}
 
 bool acceptsConnections(int port) {
   Descriptor socketFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -89,6 +73,23 @@ int milliSecondsUntil(std::chrono::steady_clock::time_point deadline) {
 }
 
 }  // namespace
+
+// Binding port 0 lets the kernel pick a port nobody uses; it stays free
+// for sshd unless another process grabs it in between, which the
+// ephemeral range makes unlikely.
+int freePort() {
+  Descriptor socketFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (socketFd.get() < 0) throw systemError("socket");
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (bind(socketFd.get(), reinterpret_cast<sockaddr*>(&address), length) != 0) throw systemError("bind");
+  if (getsockname(socketFd.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    throw systemError("getsockname");
+  }
+  return ntohs(address.sin_port);
+}
 
 TestSshd::TestSshd() {
   makeKey(path("host_key"));

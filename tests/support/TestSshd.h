@@ -47,6 +47,9 @@ class TestSshd {
   int pidFd_ = -1;
 };
 
+// A free TCP port on 127.0.0.1, for a server a test starts.
+int freePort();
+
 // Closes every shared ssh connection whose control socket is in directory,
 // as a network that drops them would.
 void closeSshConnections(std::string const& directory);
