@@ -50,35 +50,6 @@ std::string describeErrno(int error) {
 
 }  // namespace
 
-class TreeRequester::DirFollower : private FileReplication::DirWatch::Listener {
- public:
-  DirFollower(TreeRequester* owner, std::size_t entry, std::string dir, double retryDelay)
-      : owner_(owner), entry_(entry), dir_(std::move(dir)) {
-    watch_ = FileReplication::DirWatch::DirWatchIs(dir_.empty() ? "/" : dir_, this, retryDelay);
-  }
-  virtual ~DirFollower() { retire(); }
-  void retire() {
-    if (watch_) watch_->listenerDel();
-    owner_ = nullptr;
-  }
-
- private:
-  void onDirEntry(InotifyEvent const& event) override {
-    if (owner_) owner_->handleEntry(entry_, dir_, event);
-  }
-  void onDirAnew() override {
-    if (owner_) owner_->handleAnew(entry_, dir_);
-  }
-  void onDirOverflow() override {
-    if (owner_) owner_->handleOverflow();
-  }
-
-  TreeRequester* owner_;
-  std::size_t entry_;
-  std::string dir_;
-  Kel::Ptr<FileReplication::DirWatch> watch_;
-};
-
 // Hears the runs of a file that went: once one has replicated its deletion,
 // the file can be dropped.
 class TreeRequester::DepartureReactor : public FileStatus::NotifieeConst {
@@ -308,7 +279,8 @@ void TreeRequester::sweep() {
 void TreeRequester::watchDir(std::size_t k, std::string const& dir) {
   FollowerKey key{k, dir};
   if (followers_.contains(key)) return;
-  followers_.emplace(key, std::make_unique<DirFollower>(this, k, dir, settings_.retryInterval));
+  TreeDirFollower::Listener* const listener = this;
+  followers_.emplace(key, std::make_unique<TreeDirFollower>(listener, k, dir, settings_.retryInterval));
 }
 
 void TreeRequester::unwatchUnder(std::size_t k, std::string const& dir) {
@@ -340,7 +312,7 @@ void TreeRequester::unreadableIs(std::size_t k, std::string const& dir,
   }
 }
 
-void TreeRequester::handleEntry(std::size_t k, std::string const& dir, InotifyEvent const& event) {
+void TreeRequester::onTreeDirEntry(std::size_t k, std::string const& dir, InotifyEvent const& event) {
   std::string const name = event.fileName().str();
   if (name.empty()) return;
   std::string const path = dir + "/" + name;
@@ -358,7 +330,7 @@ void TreeRequester::handleEntry(std::size_t k, std::string const& dir, InotifyEv
   }
 }
 
-void TreeRequester::handleAnew(std::size_t k, std::string const& dir) {
+void TreeRequester::onTreeDirAnew(std::size_t k, std::string const& dir) {
   // The watch reports its own failures, with the sysctl to raise. A
   // directory below the root that went is its parent's to see again.
   if (dir != rootDir(entries_[k]) && isGone(dir)) {
@@ -369,7 +341,7 @@ void TreeRequester::handleAnew(std::size_t k, std::string const& dir) {
   rescanUnder(k, dir);
 }
 
-void TreeRequester::handleOverflow() {
+void TreeRequester::onTreeDirOverflow() {
   auto const* watches = FileReplication::InotifyWatches::current();
   std::uint64_t const overflows = watches ? watches->overflows() : 0;
   if (overflows == overflowsSeen_) return;
