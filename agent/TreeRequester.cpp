@@ -2,6 +2,7 @@
 
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 
 #include <cerrno>
 #include <cmath>
@@ -10,6 +11,9 @@
 #include "FileReplication/FileReplicationUtils.h"
 #include "agent/TreeWalk.h"
 #include "runtime/ActivityManager.h"
+#include "runtime/Trace.h"
+
+KEL_TRACE_FACILITY("AgentTree")
 
 namespace Agent {
 
@@ -41,6 +45,12 @@ bool isFile(std::string const& path) {
 bool isGone(std::string const& path) {
   struct stat st;
   return lstat(path.c_str(), &st) != 0 && FileReplication::Utils::missing(errno);
+}
+
+double clockMs(clockid_t clock) {
+  timespec ts;
+  clock_gettime(clock, &ts);
+  return double(ts.tv_sec) * 1e3 + double(ts.tv_nsec) / 1e6;
 }
 
 std::string describeErrno(int error) {
@@ -140,8 +150,13 @@ bool TreeRequester::inotify() const {
   return settings_.mode == FileReplication::RequesterConfig::inotify && settings_.enabled;
 }
 
+// Traced with what it cost, which grows with the trees.
 void TreeRequester::rescan() {
+  double const wall = clockMs(CLOCK_MONOTONIC), cpu = clockMs(CLOCK_THREAD_CPUTIME_ID);
   for (std::size_t k = 0; k < entries_.size(); ++k) rescanUnder(k, rootDir(entries_[k]));
+  KEL_TRACE(2, "rescan of " << settings_.name << ": " << members_.size() << " files, "
+                            << clockMs(CLOCK_MONOTONIC) - wall << " ms, "
+                            << clockMs(CLOCK_THREAD_CPUTIME_ID) - cpu << " ms CPU");
 }
 
 void TreeRequester::appendFiles(std::vector<FileSettings>& files) const {
