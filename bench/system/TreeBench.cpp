@@ -94,8 +94,12 @@ double newFileSample(AgentProcess& agent, std::string const& sourceRoot, std::st
 
 // The agent's own counts, from its metrics: a status reply lists every file,
 // which for a large tree costs the agent seconds.
-StatusCounts metricsCounts(AgentProcess& agent) {
-  StatusCounts counts;
+struct MetricsCounts {
+  StatusCounts files;
+  std::size_t runsStarted = 0;
+};
+MetricsCounts metricsCounts(AgentProcess& agent) {
+  MetricsCounts counts;
   std::string text;
   try {
     text = Agent::request(agent.socket(), {{"command", "metrics"}}, 60).at("text").get<std::string>();
@@ -104,11 +108,12 @@ StatusCounts metricsCounts(AgentProcess& agent) {
   }
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
-    if (!line.starts_with("filerep_files{")) continue;
     auto const n = std::size_t(std::atoll(line.substr(line.rfind(' ') + 1).c_str()));
-    counts.files += n;
-    if (line.find("status=\"synchronized\"") != std::string::npos) counts.synchronized += n;
-    if (line.find("status=\"failed\"") != std::string::npos) counts.failed += n;
+    if (line.starts_with("filerep_runs_started_total{")) counts.runsStarted += n;
+    if (!line.starts_with("filerep_files{")) continue;
+    counts.files.files += n;
+    if (line.find("status=\"synchronized\"") != std::string::npos) counts.files.synchronized += n;
+    if (line.find("status=\"failed\"") != std::string::npos) counts.files.failed += n;
   }
   return counts;
 }
@@ -204,6 +209,8 @@ void treeBench(Options const& options, Report& report) {
     throw std::runtime_error("the first run did not copy the file:\n" + edited.agent.logTail());
   }
   std::vector<double> newFiles;
+  std::size_t const treeRunsBefore = metricsCounts(agent).runsStarted;
+  std::size_t const editRunsBefore = metricsCounts(edited.agent).runsStarted;
   auto newFileSampleAt = [&](int i) {
     std::string const dir = "new-" + std::to_string(i);
     double const ms = newFileSample(agent, sourceRoot, destinationRoot, dir, dir + "\n");
@@ -223,9 +230,13 @@ void treeBench(Options const& options, Report& report) {
       newFileSampleAt(i);
     }
   }
+  awaitQuiet(edited.agent.pid(), 0.1, monotonicNs() + nanoseconds(limit));
+  double const editRuns = double(metricsCounts(edited.agent).runsStarted - editRunsBefore);
   edited.agent.stop();
   awaitQuiet(agent.pid(), 0.1, monotonicNs() + nanoseconds(limit));
-  StatusCounts const status = metricsCounts(agent);
+  auto const endCounts = metricsCounts(agent);
+  StatusCounts const status = endCounts.files;
+  double const newFileRuns = double(endCounts.runsStarted - treeRunsBefore);
   agent.stop();
   Timed const after = floor("floor-after");
 
@@ -281,6 +292,8 @@ void treeBench(Options const& options, Report& report) {
                   "<= 1.1 x edit", newRatio <= 1.1);
   spreadRows(report, b, "new file", newFiles);
   spreadRows(report, b, "single-file edit", edited.ms);
+  report.figureIs(b, "  runs per new file", newFileRuns / double(warmUp + samples), "");
+  report.figureIs(b, "  runs per edit", editRuns / double(warmUp + samples), "");
 
   double const perFile = (double(resident) - double(baseResident)) / double(sources.size());
   report.figureIs(b, "memory per file (agent resident growth)", perFile / 1024, "KiB", Report::target, "<= 2 KiB",
