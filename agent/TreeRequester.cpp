@@ -2,6 +2,7 @@
 
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 
 #include <cerrno>
 #include <cmath>
@@ -10,6 +11,9 @@
 #include "FileReplication/FileReplicationUtils.h"
 #include "agent/TreeWalk.h"
 #include "runtime/ActivityManager.h"
+#include "runtime/Trace.h"
+
+KEL_TRACE_FACILITY("AgentTree")
 
 namespace Agent {
 
@@ -43,41 +47,18 @@ bool isGone(std::string const& path) {
   return lstat(path.c_str(), &st) != 0 && FileReplication::Utils::missing(errno);
 }
 
+double clockMs(clockid_t clock) {
+  timespec ts;
+  clock_gettime(clock, &ts);
+  return double(ts.tv_sec) * 1e3 + double(ts.tv_nsec) / 1e6;
+}
+
 std::string describeErrno(int error) {
   char buffer[256];
   return strerror_r(error, buffer, sizeof buffer);
 }
 
 }  // namespace
-
-class TreeRequester::DirFollower : private FileReplication::DirWatch::Listener {
- public:
-  DirFollower(TreeRequester* owner, std::size_t entry, std::string dir, double retryDelay)
-      : owner_(owner), entry_(entry), dir_(std::move(dir)) {
-    watch_ = FileReplication::DirWatch::DirWatchIs(dir_.empty() ? "/" : dir_, this, retryDelay);
-  }
-  virtual ~DirFollower() { retire(); }
-  void retire() {
-    if (watch_) watch_->listenerDel();
-    owner_ = nullptr;
-  }
-
- private:
-  void onDirEntry(InotifyEvent const& event) override {
-    if (owner_) owner_->handleEntry(entry_, dir_, event);
-  }
-  void onDirAnew() override {
-    if (owner_) owner_->handleAnew(entry_, dir_);
-  }
-  void onDirOverflow() override {
-    if (owner_) owner_->handleOverflow();
-  }
-
-  TreeRequester* owner_;
-  std::size_t entry_;
-  std::string dir_;
-  Kel::Ptr<FileReplication::DirWatch> watch_;
-};
 
 // Hears the runs of a file that went: once one has replicated its deletion,
 // the file can be dropped.
@@ -169,8 +150,13 @@ bool TreeRequester::inotify() const {
   return settings_.mode == FileReplication::RequesterConfig::inotify && settings_.enabled;
 }
 
+// Traced with what it cost, which grows with the trees.
 void TreeRequester::rescan() {
+  double const wall = clockMs(CLOCK_MONOTONIC), cpu = clockMs(CLOCK_THREAD_CPUTIME_ID);
   for (std::size_t k = 0; k < entries_.size(); ++k) rescanUnder(k, rootDir(entries_[k]));
+  KEL_TRACE(2, "rescan of " << settings_.name << ": " << members_.size() << " files, "
+                            << clockMs(CLOCK_MONOTONIC) - wall << " ms, "
+                            << clockMs(CLOCK_THREAD_CPUTIME_ID) - cpu << " ms CPU");
 }
 
 void TreeRequester::appendFiles(std::vector<FileSettings>& files) const {
@@ -308,7 +294,8 @@ void TreeRequester::sweep() {
 void TreeRequester::watchDir(std::size_t k, std::string const& dir) {
   FollowerKey key{k, dir};
   if (followers_.contains(key)) return;
-  followers_.emplace(key, std::make_unique<DirFollower>(this, k, dir, settings_.retryInterval));
+  TreeDirFollower::Listener* const listener = this;
+  followers_.emplace(key, std::make_unique<TreeDirFollower>(listener, k, dir, settings_.retryInterval));
 }
 
 void TreeRequester::unwatchUnder(std::size_t k, std::string const& dir) {
@@ -340,7 +327,7 @@ void TreeRequester::unreadableIs(std::size_t k, std::string const& dir,
   }
 }
 
-void TreeRequester::handleEntry(std::size_t k, std::string const& dir, InotifyEvent const& event) {
+void TreeRequester::onTreeDirEntry(std::size_t k, std::string const& dir, InotifyEvent const& event) {
   std::string const name = event.fileName().str();
   if (name.empty()) return;
   std::string const path = dir + "/" + name;
@@ -358,7 +345,7 @@ void TreeRequester::handleEntry(std::size_t k, std::string const& dir, InotifyEv
   }
 }
 
-void TreeRequester::handleAnew(std::size_t k, std::string const& dir) {
+void TreeRequester::onTreeDirAnew(std::size_t k, std::string const& dir) {
   // The watch reports its own failures, with the sysctl to raise. A
   // directory below the root that went is its parent's to see again.
   if (dir != rootDir(entries_[k]) && isGone(dir)) {
@@ -369,7 +356,7 @@ void TreeRequester::handleAnew(std::size_t k, std::string const& dir) {
   rescanUnder(k, dir);
 }
 
-void TreeRequester::handleOverflow() {
+void TreeRequester::onTreeDirOverflow() {
   auto const* watches = FileReplication::InotifyWatches::current();
   std::uint64_t const overflows = watches ? watches->overflows() : 0;
   if (overflows == overflowsSeen_) return;

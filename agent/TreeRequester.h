@@ -14,6 +14,7 @@
 #include "FileReplication/DirWatch.h"
 #include "FileReplication/Log.h"
 #include "agent/AgentConfig.h"
+#include "agent/TreeDirFollower.h"
 #include "agent/TreeEntry.h"
 #include "entities/Config.h"
 #include "entities/Status.h"
@@ -28,7 +29,7 @@ namespace Agent {
 // instance; periodic mode reads the trees again a moment before each
 // period's runs. A file that goes (deleted, moved out, its directory gone)
 // stays until a run has replicated its deletion, then is dropped.
-class TreeRequester {
+class TreeRequester : private TreeDirFollower::Listener {
  public:
   struct Hooks {
     std::function<void(FileReplication::LogPriority, std::string const&)> say;
@@ -42,7 +43,7 @@ class TreeRequester {
   // settings: the requester as configured, trees and files alike.
   TreeRequester(Kel::Ptr<FileReplication::Config> config, Kel::Ptr<FileReplication::Status> status,
                 RequesterSettings const& settings, Hooks hooks);
-  ~TreeRequester();
+  virtual ~TreeRequester();
   TreeRequester(TreeRequester const&) = delete;
   TreeRequester& operator=(TreeRequester const&) = delete;
 
@@ -63,7 +64,6 @@ class TreeRequester {
   std::string const* entryOf(std::string const& path) const;
 
  private:
-  class DirFollower;
   class DepartureReactor;
   class SweepTimer;
   class RescanTimer;
@@ -94,9 +94,9 @@ class TreeRequester {
   void sweep();
   void armRescan();
 
-  void handleEntry(std::size_t k, std::string const& dir, FileReplication::InotifyEvent const& event);
-  void handleAnew(std::size_t k, std::string const& dir);
-  void handleOverflow();
+  void onTreeDirEntry(std::size_t k, std::string const& dir, FileReplication::InotifyEvent const& event) override;
+  void onTreeDirAnew(std::size_t k, std::string const& dir) override;
+  void onTreeDirOverflow() override;
 
   Kel::Ptr<FileReplication::Config> config_;
   Kel::Ptr<FileReplication::Status> status_;
@@ -108,9 +108,9 @@ class TreeRequester {
   std::map<std::string, Member, std::less<>> members_;
   std::set<std::string, std::less<>> departing_;
   std::vector<std::map<std::string, int, std::less<>>> unreadable_;
-  std::map<FollowerKey, std::unique_ptr<DirFollower>> followers_;
+  std::map<FollowerKey, std::unique_ptr<TreeDirFollower>> followers_;
   // Let go inside their own callbacks; freed on a later turn.
-  std::vector<std::unique_ptr<DirFollower>> retired_;
+  std::vector<std::unique_ptr<TreeDirFollower>> retired_;
   Kel::Ptr<SweepTimer> sweepTimer_;
   Kel::Ptr<RescanTimer> rescanTimer_;
   std::uint64_t overflowsSeen_ = 0;

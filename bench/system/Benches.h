@@ -22,6 +22,7 @@ struct Options {
   // Sizes of the benchmarks of the real agent; 0 for the default of the
   // mode.
   int files = 0;
+  int treeFiles = 0;
   int samples = 0;
   int stormFiles = 0;
   int rewrites = 0;
@@ -48,6 +49,8 @@ void expiryBench(Options const& options, Report& report);
 void latencyBench(Options const& options, Report& report);
 void rsyncStormBench(Options const& options, Report& report);
 void renameSaveBench(Options const& options, Report& report);
+// A tree of many files as one entry.
+void treeBench(Options const& options, Report& report);
 // The same over ssh to a test sshd: a dead host beside a live one, the
 // port and key in the agent's settings, many hosts.
 void deadHostBench(Options const& options, Report& report);

@@ -21,18 +21,19 @@ using SystemBench::Report;
 
 int usage(char const* program) {
   std::cerr << "usage: " << program
-            << " [--quick] [--json] [--only NAME[,NAME...]] [--files N] [--samples N]\n"
+            << " [--quick] [--json] [--only NAME[,NAME...]] [--files N] [--tree-files N] [--samples N]\n"
                "       [--storm-files N] [--rewrites N] [--saves N] [--delete-delay SECONDS]\n"
                "       [--max-files-per-run N] [--limit SECONDS]\n"
                "  NAME, with a stand-in Replicate: reaction, scale, storm, idle, endurance\n"
                "  NAME, with the real Replicate, rsync and ssh: sync (initial sync), sshsync (the same over\n"
                "    ssh to a test sshd), expiry (periodic expiry), latency (one edit), rsyncstorm (rewrites),\n"
-               "    renamesave (saves that rename the file away and back), deadhost (one edit with a hung host\n"
-               "    beside the live one), sshcustom (one edit, port and key in the agent's ssh settings),\n"
-               "    manyhosts (one edit to 20 hosts)\n"
+               "    renamesave (saves that rename the file away and back), tree (a tree of many files as one\n"
+               "    entry), deadhost (one edit with a hung host beside the live one), sshcustom (one edit, port\n"
+               "    and key in the agent's ssh settings), manyhosts (one edit to 20 hosts)\n"
                "  --files N        files of sync, sshsync and expiry (10000; quick: 300)\n"
-               "  --samples N      edits of latency, sshcustom, deadhost and manyhosts (100; quick: 10, 10, 5\n"
-               "                   and 3); deadhost stops after 300 s (quick: 3 s) however many it took\n"
+               "  --tree-files N   files of tree, 100 a directory (100000; quick: 2000)\n"
+               "  --samples N      edits of latency, tree, sshcustom, deadhost and manyhosts (100; quick: 10, 10,\n"
+               "                   10, 5 and 3); deadhost stops after 300 s (quick: 3 s) however many it took\n"
                "  --storm-files N  files of rsyncstorm (100; quick: 20)\n"
                "  --rewrites N     rewrites of each of them (1000; quick: 50)\n"
                "  --saves N        saves of renamesave (1000; quick: 20)\n"
@@ -71,10 +72,12 @@ int main(int argc, char** argv) {
       {"latency", SystemBench::latencyBench},
       {"rsyncstorm", SystemBench::rsyncStormBench},
       {"renamesave", SystemBench::renameSaveBench},
+      {"tree", SystemBench::treeBench},
       {"deadhost", SystemBench::deadHostBench},
       {"sshcustom", SystemBench::sshCustomBench},
       {"manyhosts", SystemBench::manyHostsBench}};
   std::map<std::string, int*> const sizes = {{"--files", &options.files},
+                                             {"--tree-files", &options.treeFiles},
                                              {"--samples", &options.samples},
                                              {"--storm-files", &options.stormFiles},
                                              {"--rewrites", &options.rewrites},
