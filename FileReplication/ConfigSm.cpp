@@ -13,14 +13,11 @@ KEL_TRACE_FACILITY("FileReplicationSm")
 
 namespace FileReplication {
 
-class ConfigSm::KelConfig : public Config::NotifieeConst {
+class ConfigSm::KelConfig : public Kel::NestedReactor<ConfigSm, Config::NotifieeConst> {
  public:
-  explicit KelConfig(ConfigSm* sm) : sm_(sm) {}
+  using NestedReactor::NestedReactor;
   using Config::NotifieeConst::onRequester;
-  void onRequester(Kel::Name name) override { sm_->handleRequesterConfig(name); }
-
- private:
-  ConfigSm* sm_;
+  void onRequester(Kel::Name name) override { owner()->handleRequesterConfig(name); }
 };
 
 Kel::Ptr<ConfigSm> ConfigSm::ConfigSmIs(Kel::Ptr<Config const> config, Kel::Ptr<Status> status) {
@@ -29,22 +26,15 @@ Kel::Ptr<ConfigSm> ConfigSm::ConfigSmIs(Kel::Ptr<Config const> config, Kel::Ptr<
   return sm;
 }
 
-ConfigSm::ConfigSm(Kel::Ptr<Config const> config, Kel::Ptr<Status> status) {
-  if (config) {
-    config_ = new KelConfig(this);
-    config_->notifierIs(config);
-  }
+ConfigSm::ConfigSm(Kel::Ptr<Config const> config, Kel::Ptr<Status> status) : config_(this) {
+  config_->notifierIs(config);
   status_ = std::move(status);
   handleRequesterConfig();
 }
 
-ConfigSm::~ConfigSm() {
-  doCleanup();
-  zombieReactorsDel();
-  if (config_) config_->notifierIs(nullptr);
-}
+ConfigSm::~ConfigSm() { doCleanup(); }
 
-Kel::Ptr<Config const> ConfigSm::config() const { return config_ ? config_->notifier() : nullptr; }
+Kel::Ptr<Config const> ConfigSm::config() const { return config_->notifier(); }
 
 Kel::Ptr<RequesterConfigSmBase> ConfigSm::requesterConfigSm(Kel::Name name) const {
   auto const* sm = requesterConfigSm_.find(name);
@@ -103,10 +93,6 @@ void ConfigSm::handleRequesterConfig(Kel::Name name) {
 void ConfigSm::doCleanup() {
   requesterConfigSmDelAll();
   status_->requesterDelAll();
-}
-
-void ConfigSm::zombieReactorsDel() {
-  if (config_) config_->markedForDeletionIs(true);
 }
 
 Kel::Ptr<ConfigSm> configSmFactory(Kel::Ptr<Config const> config, Kel::Ptr<Status> status) {

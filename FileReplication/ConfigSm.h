@@ -5,6 +5,7 @@
 #include "entities/Status.h"
 #include "runtime/Collection.h"
 #include "runtime/Entity.h"
+#include "runtime/NestedReactor.h"
 
 namespace FileReplication {
 
@@ -29,7 +30,6 @@ class ConfigSm : public Kel::Entity {
   void handleRequesterConfig(Kel::Name name);
 
   virtual void doCleanup();
-  virtual void zombieReactorsDel();
 
  protected:
   ConfigSm(Kel::Ptr<Config const> config, Kel::Ptr<Status> status);
@@ -38,7 +38,7 @@ class ConfigSm : public Kel::Entity {
  private:
   class KelConfig;
 
-  Kel::Ptr<KelConfig> config_;
+  Kel::Nested<KelConfig> config_;
   Kel::Ptr<Status> status_;
   RequesterConfigSmCollection requesterConfigSm_;
 };

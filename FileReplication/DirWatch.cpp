@@ -31,13 +31,10 @@ bool isDirectory(Kel::String const& path) {
 
 }  // namespace
 
-class DirWatch::KelRetryClock : public Kel::Clock::NotifieeConst {
+class DirWatch::KelRetryClock : public Kel::NestedReactor<DirWatch, Kel::Clock::NotifieeConst> {
  public:
-  explicit KelRetryClock(DirWatch* owner) : owner_(owner) {}
-  void onTime() override { owner_->handleRetry(); }
-
- private:
-  DirWatch* owner_;
+  using NestedReactor::NestedReactor;
+  void onTime() override { owner()->handleRetry(); }
 };
 
 Kel::Ptr<DirWatch> DirWatch::DirWatchIs(Kel::String path, Listener* listener, double retryDelay) {
@@ -47,16 +44,13 @@ Kel::Ptr<DirWatch> DirWatch::DirWatchIs(Kel::String path, Listener* listener, do
 }
 
 DirWatch::DirWatch(Kel::String path, Listener* listener, double retryDelay)
-    : path_(std::move(path)), listener_(listener), retryDelay_(retryDelay), retryClock_(new KelRetryClock(this)) {
+    : path_(std::move(path)), listener_(listener), retryDelay_(retryDelay), retryClock_(this) {
   retryClock_->notifierIs(Kel::activityManager()->clock());
 }
 
 DirWatch::~DirWatch() {
   drop();
   if (watches_) watches_->subscriberDel(this);
-  retryClock_->markedForDeletionIs(true);
-  retryClock_->timeMinIs(Kel::Clock::never);
-  retryClock_->notifierIs(nullptr);
 }
 
 Kel::String DirWatch::errorText() const {

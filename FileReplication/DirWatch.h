@@ -4,6 +4,7 @@
 
 #include "FileReplication/InotifyWatches.h"
 #include "runtime/Clock.h"
+#include "runtime/NestedReactor.h"
 #include "runtime/Ptr.h"
 #include "runtime/String.h"
 
@@ -76,7 +77,7 @@ class DirWatch : public Kel::PtrInterface, private InotifyWatches::Subscriber {
   std::uint32_t ancestorId_ = 0;
   Kel::String waitingOn_;
   int error_ = 0;
-  Kel::Ptr<KelRetryClock> retryClock_;
+  Kel::Nested<KelRetryClock> retryClock_;
 };
 
 }  // namespace FileReplication

@@ -13,20 +13,18 @@ namespace FileReplication {
 
 // ---- RequesterConfigSmBase
 
-class RequesterConfigSmBase::KelRequesterConfig : public RequesterConfig::NotifieeConst {
+class RequesterConfigSmBase::KelRequesterConfig
+    : public Kel::NestedReactor<RequesterConfigSmBase, RequesterConfig::NotifieeConst> {
  public:
-  explicit KelRequesterConfig(RequesterConfigSmBase* sm) : sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void onNotifier() override {
-    sm_->handleEnabled();
-    if (!markedForDeletion()) sm_->handlePeriod();
+    owner()->handleEnabled();
+    if (!markedForDeletion()) owner()->handlePeriod();
   }
-  void onEnabled() override { sm_->handleEnabled(); }
-  void onPeriod() override { sm_->handlePeriod(); }
+  void onEnabled() override { owner()->handleEnabled(); }
+  void onPeriod() override { owner()->handlePeriod(); }
   using RequesterConfig::NotifieeConst::onFile;
-  void onFile(Kel::Name name) override { sm_->handleFile(name); }
-
- private:
-  RequesterConfigSmBase* sm_;
+  void onFile(Kel::Name name) override { owner()->handleFile(name); }
 };
 
 Kel::Ptr<RequesterConfigSmBase> RequesterConfigSmBase::RequesterConfigSmBaseIs(
@@ -36,20 +34,16 @@ Kel::Ptr<RequesterConfigSmBase> RequesterConfigSmBase::RequesterConfigSmBaseIs(
 
 RequesterConfigSmBase::RequesterConfigSmBase(Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig,
                                              Kel::Ptr<RequesterStatus> requesterStatus)
-    : name_(name), requesterStatus_(std::move(requesterStatus)) {
+    : name_(name), requesterConfig_(this), requesterStatus_(std::move(requesterStatus)) {
   // Binding catches up at once; a subclass is not constructed yet, so this
   // runs the base's own handleEnabled and handlePeriod.
   requesterConfigIs(requesterConfig);
 }
 
-RequesterConfigSmBase::~RequesterConfigSmBase() {
-  zombieReactorsDel();
-  requesterConfigDel();
-  remoteHostSmDel();
-}
+RequesterConfigSmBase::~RequesterConfigSmBase() { remoteHostSmDel(); }
 
 Kel::Ptr<RequesterConfig const> RequesterConfigSmBase::requesterConfig() const {
-  return requesterConfig_ ? requesterConfig_->notifier() : nullptr;
+  return requesterConfig_->notifier();
 }
 
 Kel::Ptr<RemoteHostSm> RequesterConfigSmBase::remoteHostSm() const { return remoteHostSm_; }
@@ -110,22 +104,9 @@ Kel::Ptr<RemoteHostSm> RequesterConfigSmBase::remoteHostSmIs(RequesterConfigSmBa
   return remoteHostSm_;
 }
 
-void RequesterConfigSmBase::zombieReactorsDel() {
-  if (requesterConfig_) requesterConfig_->markedForDeletionIs(true);
-}
-
-void RequesterConfigSmBase::requesterConfigDel() {
-  if (!requesterConfig_) return;
-  requesterConfig_->notifierIs(nullptr);
-  requesterConfig_ = nullptr;
-}
+void RequesterConfigSmBase::requesterConfigDel() { requesterConfig_->notifierIs(nullptr); }
 
 void RequesterConfigSmBase::requesterConfigIs(Kel::Ptr<RequesterConfig const> const& requesterConfig) {
-  if (!requesterConfig) {
-    requesterConfigDel();
-    return;
-  }
-  if (!requesterConfig_) requesterConfig_ = new KelRequesterConfig(this);
   requesterConfig_->notifierIs(requesterConfig);
 }
 
@@ -139,24 +120,18 @@ Kel::NamedOperations<RequesterConfigSmBase> const& RequesterConfigSmBase::operat
 
 // ---- RemoteHostSm
 
-class RemoteHostSm::KelRequesterConfig : public RequesterConfig::NotifieeConst {
+class RemoteHostSm::KelRequesterConfig : public Kel::NestedReactor<RemoteHostSm, RequesterConfig::NotifieeConst> {
  public:
-  explicit KelRequesterConfig(RemoteHostSm* sm) : sm_(sm) {}
+  using NestedReactor::NestedReactor;
   using RequesterConfig::NotifieeConst::onRemoteHost;
-  void onRemoteHost(Kel::String hostOrIp) override { sm_->handleRemoteHost(std::move(hostOrIp)); }
-
- private:
-  RemoteHostSm* sm_;
+  void onRemoteHost(Kel::String hostOrIp) override { owner()->handleRemoteHost(std::move(hostOrIp)); }
 };
 
-class RemoteHostSm::KelRemoteHostReplicationClock : public Kel::Clock::NotifieeConst {
+class RemoteHostSm::KelRemoteHostReplicationClock : public Kel::NestedReactor<RemoteHostSm, Kel::Clock::NotifieeConst> {
  public:
-  explicit KelRemoteHostReplicationClock(RemoteHostSm* sm) : sm_(sm) {}
-  void onNotifier() override { sm_->handleRemoteHostReplicationClock(); }
-  void onTime() override { sm_->handleRemoteHostReplicationClock(); }
-
- private:
-  RemoteHostSm* sm_;
+  using NestedReactor::NestedReactor;
+  void onNotifier() override { owner()->handleRemoteHostReplicationClock(); }
+  void onTime() override { owner()->handleRemoteHostReplicationClock(); }
 };
 
 Kel::Ptr<RemoteHostSm> RemoteHostSm::RemoteHostSmIs(RequesterConfigSmBase* requesterConfigSmBase,
@@ -166,23 +141,14 @@ Kel::Ptr<RemoteHostSm> RemoteHostSm::RemoteHostSmIs(RequesterConfigSmBase* reque
 
 RemoteHostSm::RemoteHostSm(RequesterConfigSmBase* requesterConfigSmBase,
                            Kel::Ptr<RequesterConfig const> requesterConfig)
-    : requesterConfigSmBase_(requesterConfigSmBase) {
-  if (requesterConfig) {
-    requesterConfig_ = new KelRequesterConfig(this);
-    requesterConfig_->notifierIs(requesterConfig);
-  }
+    : requesterConfigSmBase_(requesterConfigSmBase), requesterConfig_(this) {
+  requesterConfig_->notifierIs(requesterConfig);
   handleInitialized();
 }
 
-RemoteHostSm::~RemoteHostSm() {
-  zombieReactorsDel();
-  if (remoteHostReplicationClock_) remoteHostReplicationClock_->notifierIs(nullptr);
-  if (requesterConfig_) requesterConfig_->notifierIs(nullptr);
-}
+RemoteHostSm::~RemoteHostSm() = default;
 
-Kel::Ptr<RequesterConfig const> RemoteHostSm::requesterConfig() const {
-  return requesterConfig_ ? requesterConfig_->notifier() : nullptr;
-}
+Kel::Ptr<RequesterConfig const> RemoteHostSm::requesterConfig() const { return requesterConfig_->notifier(); }
 
 double RemoteHostSm::remoteHostReplicationTime() const {
   return remoteHostReplicationClock_ ? remoteHostReplicationClock_->timeMin() : Kel::Clock::never;
@@ -195,7 +161,7 @@ bool RemoteHostSm::enabled() const {
 
 void RemoteHostSm::handleInitialized() {
   KEL_TRACE(3, __PRETTY_FUNCTION__ << ": ");
-  remoteHostReplicationClock_ = new KelRemoteHostReplicationClock(this);
+  remoteHostReplicationClock_ = Kel::Nested<KelRemoteHostReplicationClock>(this);
   remoteHostReplicationClock_->notifierIs(Kel::activityManager()->clock());
   remoteHostReplicationClock_->timeMinIs(Kel::Clock::never);
 }
@@ -215,11 +181,6 @@ void RemoteHostSm::handleRemoteHostReplicationClock() {
   KEL_TRACE(3, __PRETTY_FUNCTION__ << ": ");
   // The requester machine decides what a disabled requester does.
   if (requesterConfigSmBase_) requesterConfigSmBase_->replicateFiles();
-}
-
-void RemoteHostSm::zombieReactorsDel() {
-  if (requesterConfig_) requesterConfig_->markedForDeletionIs(true);
-  if (remoteHostReplicationClock_) remoteHostReplicationClock_->markedForDeletionIs(true);
 }
 
 Kel::Ptr<RequesterConfigSmBase> requesterConfigSmBaseFactory(Kel::Name name,

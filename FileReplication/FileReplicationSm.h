@@ -8,6 +8,7 @@
 #include "runtime/Collection.h"
 #include "runtime/Entity.h"
 #include "runtime/NamedOperations.h"
+#include "runtime/NestedReactor.h"
 
 namespace FileReplication {
 
@@ -49,9 +50,6 @@ class RequesterConfigSmBase : public Kel::Entity {
   virtual Kel::Ptr<RemoteHostSm> remoteHostSmDel();
   virtual Kel::Ptr<RemoteHostSm> remoteHostSmIs(RequesterConfigSmBase* base,
                                                 Kel::Ptr<RequesterConfig const> requesterConfig);
-  // Marks the nested reactors for deletion, so nothing reaches a machine
-  // that is being torn down.
-  virtual void zombieReactorsDel();
   virtual void requesterConfigDel();
   virtual void requesterConfigIs(Kel::Ptr<RequesterConfig const> const& requesterConfig);
 
@@ -70,7 +68,7 @@ class RequesterConfigSmBase : public Kel::Entity {
   class KelRequesterConfig;
 
   Kel::Name name_;
-  Kel::Ptr<KelRequesterConfig> requesterConfig_;
+  Kel::Nested<KelRequesterConfig> requesterConfig_;
   Kel::Ptr<RequesterStatus> requesterStatus_;
   Kel::Ptr<RemoteHostSm> remoteHostSm_;
 };
@@ -95,8 +93,6 @@ class RemoteHostSm : public Kel::Entity {
   void handleRemoteHost(Kel::String hostOrIp);
   void handleRemoteHostReplicationClock();
 
-  virtual void zombieReactorsDel();
-
  protected:
   RemoteHostSm(RequesterConfigSmBase* requesterConfigSmBase, Kel::Ptr<RequesterConfig const> requesterConfig);
   ~RemoteHostSm() override;
@@ -106,8 +102,8 @@ class RemoteHostSm : public Kel::Entity {
   class KelRemoteHostReplicationClock;
 
   RequesterConfigSmBase* requesterConfigSmBase_;
-  Kel::Ptr<KelRequesterConfig> requesterConfig_;
-  Kel::Ptr<KelRemoteHostReplicationClock> remoteHostReplicationClock_;
+  Kel::Nested<KelRequesterConfig> requesterConfig_;
+  Kel::Nested<KelRemoteHostReplicationClock> remoteHostReplicationClock_;
   bool initialized_ = false;
 };
 

@@ -285,28 +285,22 @@ void InotifyMonitor::handleEvent() {
 
 // Watcher
 
-class Watcher::KelInotifyMonitor : public InotifyMonitor::NotifieeConst {
+class Watcher::KelInotifyMonitor : public Kel::NestedReactor<Watcher, InotifyMonitor::NotifieeConst> {
  public:
-  explicit KelInotifyMonitor(Watcher* watcher) : watcher_(watcher) {}
-  void onNotifier() override { watcher_->handleInotifyEventQueue(); }
-  void onInotifyEvent(std::uint32_t) override { watcher_->handleInotifyEventQueue(); }
-  void onInotifyEvent() override { watcher_->handleInotifyEventQueue(); }
-
- private:
-  Watcher* watcher_;
+  using NestedReactor::NestedReactor;
+  void onNotifier() override { owner()->handleInotifyEventQueue(); }
+  void onInotifyEvent(std::uint32_t) override { owner()->handleInotifyEventQueue(); }
+  void onInotifyEvent() override { owner()->handleInotifyEventQueue(); }
 };
 
-class Watcher::KelEventClock : public Kel::Clock::NotifieeConst {
+class Watcher::KelEventClock : public Kel::NestedReactor<Watcher, Kel::Clock::NotifieeConst> {
  public:
-  explicit KelEventClock(Watcher* watcher) : watcher_(watcher) {}
+  using NestedReactor::NestedReactor;
   void onNotifier() override {
     Kel::Clock::NotifieeConst::onNotifier();
-    watcher_->handleEventClock();
+    owner()->handleEventClock();
   }
-  void onTime() override { watcher_->handleEventClock(); }
-
- private:
-  Watcher* watcher_;
+  void onTime() override { owner()->handleEventClock(); }
 };
 
 Kel::Ptr<Watcher> Watcher::WatcherIs(Kel::String path) {
@@ -317,19 +311,9 @@ Kel::Ptr<Watcher> Watcher::WatcherIs(Kel::String path) {
 
 Kel::Ptr<Watcher> watcherFactory(Kel::String path) { return Watcher::WatcherIs(std::move(path)); }
 
-Watcher::Watcher(Kel::String path)
-    : path_(std::move(path)),
-      kelInotifyMonitor_(new KelInotifyMonitor(this)),
-      kelEventClock_(new KelEventClock(this)) {}
+Watcher::Watcher(Kel::String path) : path_(std::move(path)), kelInotifyMonitor_(this), kelEventClock_(this) {}
 
-Watcher::~Watcher() {
-  // A delivery in progress may still hold the reactors; they must not call
-  // back into a watcher that is gone.
-  kelInotifyMonitor_->markedForDeletionIs(true);
-  kelInotifyMonitor_->notifierIs(nullptr);
-  kelEventClock_->markedForDeletionIs(true);
-  kelEventClock_->notifierIs(nullptr);
-}
+Watcher::~Watcher() = default;
 
 void Watcher::inotifyMonitorIs(Kel::Ptr<InotifyMonitor> const& monitor) {
   if (inotifyMonitor_ == monitor) return;

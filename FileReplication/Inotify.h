@@ -7,6 +7,7 @@
 #include "runtime/Entity.h"
 #include "runtime/FileDescriptor.h"
 #include "runtime/LinkQueue.h"
+#include "runtime/NestedReactor.h"
 #include "runtime/Name.h"
 #include "runtime/Strep.h"
 #include "runtime/String.h"
@@ -193,8 +194,8 @@ class Watcher : public Kel::PtrInterface {
   Kel::Ptr<Kel::Clock> eventClock_;
   bool initialized_ = false;
 
-  Kel::Ptr<KelInotifyMonitor> kelInotifyMonitor_;
-  Kel::Ptr<KelEventClock> kelEventClock_;
+  Kel::Nested<KelInotifyMonitor> kelInotifyMonitor_;
+  Kel::Nested<KelEventClock> kelEventClock_;
 };
 
 Kel::Ptr<Watcher> watcherFactory(Kel::String path);

@@ -134,7 +134,6 @@ InotifyRequesterConfigSm::InotifyRequesterConfigSm(Kel::Name name, Kel::Ptr<Requ
 }
 
 InotifyRequesterConfigSm::~InotifyRequesterConfigSm() {
-  zombieReactorsDel();
   linkTarget_ = LinkTargetCollection();
   while (dirSm_.popFront()) {
   }

@@ -22,46 +22,32 @@ bool holds(std::vector<InotifyWatches::Subscriber*> const& holders, InotifyWatch
 
 }  // namespace
 
-class InotifyWatches::KelInotifyMonitor : public InotifyMonitor::NotifieeConst {
+class InotifyWatches::KelInotifyMonitor : public Kel::NestedReactor<InotifyWatches, InotifyMonitor::NotifieeConst> {
  public:
-  explicit KelInotifyMonitor(InotifyWatches* owner) : owner_(owner) {}
-  void onNotifier() override { owner_->handleInotifyEventQueue(); }
-  void onInotifyEvent(std::uint32_t) override { owner_->handleInotifyEventQueue(); }
-  void onInotifyEvent() override { owner_->handleInotifyEventQueue(); }
-
- private:
-  InotifyWatches* owner_;
+  using NestedReactor::NestedReactor;
+  void onNotifier() override { owner()->handleInotifyEventQueue(); }
+  void onInotifyEvent(std::uint32_t) override { owner()->handleInotifyEventQueue(); }
+  void onInotifyEvent() override { owner()->handleInotifyEventQueue(); }
 };
 
-class InotifyWatches::KelEventClock : public Kel::Clock::NotifieeConst {
+class InotifyWatches::KelEventClock : public Kel::NestedReactor<InotifyWatches, Kel::Clock::NotifieeConst> {
  public:
-  explicit KelEventClock(InotifyWatches* owner) : owner_(owner) {}
-  void onTime() override { owner_->handleEventClock(); }
-
- private:
-  InotifyWatches* owner_;
+  using NestedReactor::NestedReactor;
+  void onTime() override { owner()->handleEventClock(); }
 };
 
 Kel::Ptr<InotifyWatches> InotifyWatches::instance() { return shared ? shared : new InotifyWatches; }
 
 InotifyWatches* InotifyWatches::current() { return shared; }
 
-InotifyWatches::InotifyWatches() : monitor_(InotifyMonitor::InotifyMonitorIs("inotifyWatches")) {
-  monitorReactor_ = new KelInotifyMonitor(this);
+InotifyWatches::InotifyWatches()
+    : monitor_(InotifyMonitor::InotifyMonitorIs("inotifyWatches")), monitorReactor_(this), eventClock_(this) {
   monitorReactor_->notifierIs(monitor_);
-  eventClock_ = new KelEventClock(this);
   eventClock_->notifierIs(Kel::activityManager()->clock());
   shared = this;
 }
 
-InotifyWatches::~InotifyWatches() {
-  shared = nullptr;
-  monitorReactor_->markedForDeletionIs(true);
-  monitorReactor_->notifierIs(nullptr);
-  eventClock_->markedForDeletionIs(true);
-  eventClock_->timeMinIs(Kel::Clock::never);
-  eventClock_->notifierIs(nullptr);
-}
+InotifyWatches::~InotifyWatches() { shared = nullptr; }
 
 double InotifyWatches::eventClockTime() const { return eventClock_->timeMin(); }
 

@@ -7,6 +7,7 @@
 
 #include "FileReplication/Inotify.h"
 #include "runtime/Clock.h"
+#include "runtime/NestedReactor.h"
 #include "runtime/Ptr.h"
 
 namespace FileReplication {
@@ -70,8 +71,8 @@ class InotifyWatches : public Kel::PtrInterface {
   ~InotifyWatches() override;
 
   Kel::Ptr<InotifyMonitor> monitor_;
-  Kel::Ptr<KelInotifyMonitor> monitorReactor_;
-  Kel::Ptr<KelEventClock> eventClock_;
+  Kel::Nested<KelInotifyMonitor> monitorReactor_;
+  Kel::Nested<KelEventClock> eventClock_;
   std::unordered_map<std::uint32_t, std::vector<Subscriber*>> holders_;
   std::unordered_set<Subscriber*> subscribers_;
   std::uint64_t overflows_ = 0;

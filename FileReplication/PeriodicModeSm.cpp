@@ -7,19 +7,12 @@ KEL_TRACE_FACILITY("FileReplicationSm")
 
 namespace FileReplication {
 
-class PeriodicRequesterConfigSm::KelClock : public Kel::Clock::NotifieeConst {
+class PeriodicRequesterConfigSm::KelClock
+    : public Kel::NestedReactor<PeriodicRequesterConfigSm, Kel::Clock::NotifieeConst> {
  public:
-  explicit KelClock(PeriodicRequesterConfigSm* sm) : sm_(sm) {}
-  void onNotifier() override {
-    if (sm_) sm_->handleClock();
-  }
-  void onTime() override {
-    if (sm_) sm_->handleClock();
-  }
-  void smIs(PeriodicRequesterConfigSm* sm) { sm_ = sm; }
-
- private:
-  PeriodicRequesterConfigSm* sm_;
+  using NestedReactor::NestedReactor;
+  void onNotifier() override { owner()->handleClock(); }
+  void onTime() override { owner()->handleClock(); }
 };
 
 Kel::Ptr<PeriodicRequesterConfigSm> PeriodicRequesterConfigSm::PeriodicRequesterConfigSmIs(
@@ -33,12 +26,7 @@ PeriodicRequesterConfigSm::PeriodicRequesterConfigSm(Kel::Name name, Kel::Ptr<Re
   handleInitialized();
 }
 
-PeriodicRequesterConfigSm::~PeriodicRequesterConfigSm() {
-  zombieReactorsDel();
-  if (clock_) clock_->smIs(nullptr);
-  replicationSmDelAll();
-  clockDel();
-}
+PeriodicRequesterConfigSm::~PeriodicRequesterConfigSm() { replicationSmDelAll(); }
 
 Kel::Ptr<ReplicationSm> PeriodicRequesterConfigSm::replicationSm(Kel::String const& key) const {
   auto const* sm = replicationSm_.find(key);
@@ -84,15 +72,11 @@ void PeriodicRequesterConfigSm::clockIs(Kel::Ptr<Kel::Clock const> const& clock)
     return;
   }
   if (clock_ && clock_->notifier() == clock) return;
-  if (!clock_) clock_ = new KelClock(this);
+  if (!clock_) clock_ = Kel::Nested<KelClock>(this);
   clock_->notifierIs(clock);
 }
 
-void PeriodicRequesterConfigSm::clockDel() {
-  if (!clock_) return;
-  clock_->notifierIs(nullptr);
-  clock_ = nullptr;
-}
+void PeriodicRequesterConfigSm::clockDel() { clock_.release(); }
 
 double PeriodicRequesterConfigSm::clockTime() const { return clock_ ? clock_->timeMin() : Kel::Clock::never; }
 
@@ -155,11 +139,6 @@ void PeriodicRequesterConfigSm::deleteIfNotExist() {
   // Only a disabled requester hands its files over to deletion.
   if (enabled()) return;
   for (auto const& [key, sm] : replicationSm_) sm->deleteFile();
-}
-
-void PeriodicRequesterConfigSm::zombieReactorsDel() {
-  RequesterConfigSmBase::zombieReactorsDel();
-  if (clock_) clock_->markedForDeletionIs(true);
 }
 
 }  // namespace FileReplication

@@ -4,6 +4,7 @@
 #include "FileReplication/ReplicationSm.h"
 #include "runtime/Clock.h"
 #include "runtime/Collection.h"
+#include "runtime/NestedReactor.h"
 
 namespace FileReplication {
 
@@ -40,7 +41,6 @@ class PeriodicRequesterConfigSm : public RequesterConfigSmBase {
   void handleClock();
   void replicateFiles() override;
   void deleteIfNotExist() override;
-  void zombieReactorsDel() override;
 
  protected:
   PeriodicRequesterConfigSm(Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig,
@@ -54,7 +54,7 @@ class PeriodicRequesterConfigSm : public RequesterConfigSmBase {
                                            Kel::Ptr<FileConfig const> fileConfig, Kel::Ptr<FileStatus> fileStatus);
 
   ReplicationSmCollection replicationSm_;
-  Kel::Ptr<KelClock> clock_;
+  Kel::Nested<KelClock> clock_;
   bool initialized_ = false;
 };
 

@@ -26,49 +26,37 @@ constexpr double never = Kel::Clock::never;
 #define SM_TRACE_ENTRY() KEL_TRACE(3, __PRETTY_FUNCTION__ << ": State=" << state_)
 #define SM_TRACE(message) KEL_TRACE(6, __PRETTY_FUNCTION__ << message)
 
-class ReplicationSm::KelRequesterConfig : public RequesterConfig::NotifieeConst {
+class ReplicationSm::KelRequesterConfig : public Kel::NestedReactor<ReplicationSm, RequesterConfig::NotifieeConst> {
  public:
-  explicit KelRequesterConfig(ReplicationSm* sm) : sm_(sm) {}
-  void onNotifier() override { sm_->handleEnabled(); }
-  void onEnabled() override { sm_->handleEnabled(); }
+  using NestedReactor::NestedReactor;
+  void onNotifier() override { owner()->handleEnabled(); }
+  void onEnabled() override { owner()->handleEnabled(); }
   // A host added, removed or changed may turn a local copy onto itself into
   // a remote one, or back.
-  void onRemoteHost(Kel::String) override { sm_->handleEnabled(); }
-  void onRemoteHost() override { sm_->handleEnabled(); }
-
- private:
-  ReplicationSm* sm_;
+  void onRemoteHost(Kel::String) override { owner()->handleEnabled(); }
+  void onRemoteHost() override { owner()->handleEnabled(); }
 };
 
-class ReplicationSm::KelReplicationTimeoutClock : public Kel::Clock::NotifieeConst {
+class ReplicationSm::KelReplicationTimeoutClock : public Kel::NestedReactor<ReplicationSm, Kel::Clock::NotifieeConst> {
  public:
-  explicit KelReplicationTimeoutClock(ReplicationSm* sm) : sm_(sm) {}
-  void onNotifier() override { sm_->handleReplicationTimeout(); }
-  void onTime() override { sm_->handleReplicationTimeout(); }
-
- private:
-  ReplicationSm* sm_;
+  using NestedReactor::NestedReactor;
+  void onNotifier() override { owner()->handleReplicationTimeout(); }
+  void onTime() override { owner()->handleReplicationTimeout(); }
 };
 
-class ReplicationSm::KelBackoffClock : public Kel::Clock::NotifieeConst {
+class ReplicationSm::KelBackoffClock : public Kel::NestedReactor<ReplicationSm, Kel::Clock::NotifieeConst> {
  public:
-  explicit KelBackoffClock(ReplicationSm* sm) : sm_(sm) {}
-  void onNotifier() override { sm_->handleBackoffTimeout(); }
-  void onTime() override { sm_->handleBackoffTimeout(); }
-
- private:
-  ReplicationSm* sm_;
+  using NestedReactor::NestedReactor;
+  void onNotifier() override { owner()->handleBackoffTimeout(); }
+  void onTime() override { owner()->handleBackoffTimeout(); }
 };
 
-class ReplicationSm::KelReplicationCmd : public Kel::ChildSiginfo::NotifieeConst {
+class ReplicationSm::KelReplicationCmd : public Kel::NestedReactor<ReplicationSm, Kel::ChildSiginfo::NotifieeConst> {
  public:
-  explicit KelReplicationCmd(ReplicationSm* sm) : sm_(sm) {}
-  void onNotifier() override { sm_->handleReplicationCmdSignalCode(); }
-  void onSignalCode() override { sm_->handleReplicationCmdSignalCode(); }
-  void onPid() override { sm_->handleReplicationCmdPid(); }
-
- private:
-  ReplicationSm* sm_;
+  using NestedReactor::NestedReactor;
+  void onNotifier() override { owner()->handleReplicationCmdSignalCode(); }
+  void onSignalCode() override { owner()->handleReplicationCmdSignalCode(); }
+  void onPid() override { owner()->handleReplicationCmdPid(); }
 };
 
 Kel::Ptr<ReplicationSm> ReplicationSm::ReplicationSmIs(Kel::String8 name,
@@ -87,8 +75,12 @@ ReplicationSm::ReplicationSm(Kel::String8 name, Kel::Ptr<RequesterConfig const> 
       requesterConfig_(std::move(requesterConfig)),
       fileConfig_(std::move(fileConfig)),
       fileStatus_(std::move(fileStatus)),
-      requesterStatus_(std::move(requesterStatus)) {
-  repoint(kelRequesterConfig_, requesterConfig_);
+      requesterStatus_(std::move(requesterStatus)),
+      kelRequesterConfig_(this),
+      kelReplicationTimeoutClock_(this),
+      kelBackoffClock_(this),
+      kelReplicationCmd_(this) {
+  kelRequesterConfig_->notifierIs(requesterConfig_);
   // Usually ends in enableReplication(), so the first run starts from here.
   handleInitialized();
 }
@@ -98,28 +90,6 @@ ReplicationSm::~ReplicationSm() {
   // reactors let go of their notifiers.
   disableReplication();
   initializedIs(false);
-  release(kelReplicationCmd_);
-  release(kelBackoffClock_);
-  release(kelReplicationTimeoutClock_);
-  release(kelRequesterConfig_);
-}
-
-template <class R, class N>
-void ReplicationSm::repoint(Kel::Ptr<R>& reactor, Kel::Ptr<N const> const& notifier) {
-  // Unhooking keeps the reactor: it may be the one delivering right now.
-  if (!reactor) {
-    if (!notifier) return;
-    reactor = new R(this);
-  }
-  reactor->notifierIs(notifier);
-}
-
-template <class R>
-void ReplicationSm::release(Kel::Ptr<R>& reactor) {
-  if (!reactor) return;
-  reactor->markedForDeletionIs(true);
-  reactor->notifierIs(nullptr);
-  reactor = nullptr;
 }
 
 void ReplicationSm::countRun(std::uint64_t (RequesterStatus::*counter)() const,
@@ -154,11 +124,9 @@ void ReplicationSm::watchErrorIs(Kel::String const& why) {
   fileStatus_->lastErrorIs(why);
 }
 
-double ReplicationSm::replicationTimeoutTime() const {
-  return kelReplicationTimeoutClock_ ? kelReplicationTimeoutClock_->timeMin() : never;
-}
+double ReplicationSm::replicationTimeoutTime() const { return kelReplicationTimeoutClock_->timeMin(); }
 
-double ReplicationSm::backoffTime() const { return kelBackoffClock_ ? kelBackoffClock_->timeMin() : never; }
+double ReplicationSm::backoffTime() const { return kelBackoffClock_->timeMin(); }
 
 void ReplicationSm::stateIs(State s) {
   if (Kel::changed(state_, s)) notify(&NotifieeConst::onState);
@@ -167,19 +135,19 @@ void ReplicationSm::stateIs(State s) {
 void ReplicationSm::replicationTimeoutClockIs(Kel::Ptr<Kel::Clock const> const& clock) {
   if (replicationTimeoutClock_ == clock) return;
   replicationTimeoutClock_ = clock;
-  repoint(kelReplicationTimeoutClock_, clock);
+  kelReplicationTimeoutClock_->notifierIs(clock);
 }
 
 void ReplicationSm::backoffClockIs(Kel::Ptr<Kel::Clock const> const& clock) {
   if (backoffClock_ == clock) return;
   backoffClock_ = clock;
-  repoint(kelBackoffClock_, clock);
+  kelBackoffClock_->notifierIs(clock);
 }
 
 void ReplicationSm::replicationCmdIs(Kel::Ptr<Kel::ChildSiginfo const> const& cmd) {
   if (replicationCmd_ == cmd) return;
   replicationCmd_ = cmd;
-  repoint(kelReplicationCmd_, cmd);
+  kelReplicationCmd_->notifierIs(cmd);
   notify(&NotifieeConst::onReplicationCmd);
 }
 

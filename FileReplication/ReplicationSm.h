@@ -11,6 +11,7 @@
 #include "runtime/Clock.h"
 #include "runtime/Entity.h"
 #include "runtime/NamedOperations.h"
+#include "runtime/NestedReactor.h"
 #include "runtime/String.h"
 
 namespace FileReplication {
@@ -116,12 +117,6 @@ class ReplicationSm : public Kel::Entity {
   class KelBackoffClock;
   class KelReplicationCmd;
 
-  // Points a reactor at a new notifier, creating it on first use; null
-  // unhooks it.
-  template <class R, class N>
-  void repoint(Kel::Ptr<R>& reactor, Kel::Ptr<N const> const& notifier);
-  template <class R>
-  void release(Kel::Ptr<R>& reactor);
   void countRun(std::uint64_t (RequesterStatus::*counter)() const,
                 void (RequesterStatus::*counterIs)(std::uint64_t));
 
@@ -143,10 +138,10 @@ class ReplicationSm : public Kel::Entity {
   bool rerunForReplacedSource_ = false;
   Kel::String watchError_;
 
-  Kel::Ptr<KelRequesterConfig> kelRequesterConfig_;
-  Kel::Ptr<KelReplicationTimeoutClock> kelReplicationTimeoutClock_;
-  Kel::Ptr<KelBackoffClock> kelBackoffClock_;
-  Kel::Ptr<KelReplicationCmd> kelReplicationCmd_;
+  Kel::Nested<KelRequesterConfig> kelRequesterConfig_;
+  Kel::Nested<KelReplicationTimeoutClock> kelReplicationTimeoutClock_;
+  Kel::Nested<KelBackoffClock> kelBackoffClock_;
+  Kel::Nested<KelReplicationCmd> kelReplicationCmd_;
 };
 
 std::ostream& operator<<(std::ostream& o, ReplicationSm::State state);

@@ -112,24 +112,21 @@ TreeExpander::Hooks treeHooks(Agent* agent) {
 
 }  // namespace
 
-class Agent::SignalReactor : public Kel::FileDescriptor::NotifieeConst {
+class Agent::SignalReactor : public Kel::NestedReactor<Agent, Kel::FileDescriptor::NotifieeConst> {
  public:
-  explicit SignalReactor(Agent* agent) : agent_(agent) {}
+  using NestedReactor::NestedReactor;
   void onReadableCount() override {
     signalfd_siginfo info;
     while (read(notifier()->descriptor(), &info, sizeof info) == sizeof info) {
       if (info.ssi_signo == SIGHUP) {
         say(LogPriority::notice, "SIGHUP: reloading the configuration");
-        agent_->reload();
+        owner()->reload();
       } else {
         say(LogPriority::notice, std::string(strsignal(int(info.ssi_signo))) + ": shutting down");
-        agent_->stop();
+        owner()->stop();
       }
     }
   }
-
- private:
-  Agent* agent_;
 };
 
 // Through the shared inotify instance, and on whatever happens to the
@@ -154,30 +151,24 @@ class Agent::ConfigFileWatcher : private FileReplication::DirWatch::Listener {
   Kel::Ptr<FileReplication::DirWatch> watch_;
 };
 
-class Agent::ReloadTimer : public Kel::Clock::NotifieeConst {
+class Agent::ReloadTimer : public Kel::NestedReactor<Agent, Kel::Clock::NotifieeConst> {
  public:
-  explicit ReloadTimer(Agent* agent) : agent_(agent) {}
+  using NestedReactor::NestedReactor;
   void onTime() override {
     say(LogPriority::notice, "the configuration file changed: reloading");
-    agent_->reload();
+    owner()->reload();
   }
-
- private:
-  Agent* agent_;
 };
 
 // Pets the service manager's watchdog from the loop: a loop that hangs stops
 // petting, and the manager restarts the agent.
-class Agent::WatchdogTimer : public Kel::Clock::NotifieeConst {
+class Agent::WatchdogTimer : public Kel::NestedReactor<Agent, Kel::Clock::NotifieeConst> {
  public:
-  explicit WatchdogTimer(Agent* agent) : agent_(agent) {}
+  using NestedReactor::NestedReactor;
   void onTime() override {
-    agent_->systemd_.send("WATCHDOG=1\nSTATUS=" + agent_->summary());
-    timeMinIs(Kel::now() + agent_->systemd_.watchdogPeriod());
+    owner()->systemd_.send("WATCHDOG=1\nSTATUS=" + owner()->summary());
+    timeMinIs(Kel::now() + owner()->systemd_.watchdogPeriod());
   }
-
- private:
-  Agent* agent_;
 };
 
 Agent::Agent(Options options) : options_(std::move(options)) {
@@ -206,7 +197,7 @@ Agent::Agent(Options options) : options_(std::move(options)) {
   auto descriptor = Kel::FileDescriptor::FileDescriptorIs("filerep-signals");
   descriptor->descriptorIs(signalFd_);
   descriptor->notifyOnReadableIs(true);
-  signals_ = new SignalReactor(this);
+  signals_ = Kel::Nested<SignalReactor>(this);
   signals_->notifierIs(descriptor);
 
   control_ = std::make_unique<ControlServer>(options_.socketPath,
@@ -230,7 +221,7 @@ Agent::Agent(Options options) : options_(std::move(options)) {
   }
 
   std::filesystem::path const configPath = std::filesystem::absolute(options_.configPath);
-  reloadTimer_ = new ReloadTimer(this);
+  reloadTimer_ = Kel::Nested<ReloadTimer>(this);
   reloadTimer_->notifierIs(Kel::activityManager()->clock());
   watcher_ = std::make_unique<ConfigFileWatcher>(this, configPath);
   running_ = true;
@@ -240,7 +231,7 @@ Agent::Agent(Options options) : options_(std::move(options)) {
   // ordered after the service finds it replicating.
   systemd_.send("READY=1\nSTATUS=" + summary());
   if (systemd_.watchdogPeriod() > 0) {
-    watchdog_ = new WatchdogTimer(this);
+    watchdog_ = Kel::Nested<WatchdogTimer>(this);
     watchdog_->notifierIs(Kel::activityManager()->clock());
     watchdog_->timeMinIs(Kel::now() + systemd_.watchdogPeriod());
   }
@@ -254,8 +245,6 @@ Agent::~Agent() {
   watcher_.reset();
   trees_.reset();
   hostStates_.reset();
-  if (reloadTimer_) reloadTimer_->notifierIs(nullptr);
-  if (watchdog_) watchdog_->notifierIs(nullptr);
   // The machines go first: running children are killed and every status
   // is final before anything else is released.
   configSm_ = nullptr;
@@ -263,7 +252,7 @@ Agent::~Agent() {
   control_.reset();
   if (signals_) {
     auto descriptor = signals_->notifier();
-    signals_->notifierIs(nullptr);
+    signals_.release();
     const_cast<Kel::FileDescriptor*>(descriptor.ptr())->notifyOnReadableIs(false);
   }
   if (signalFd_ >= 0) close(signalFd_);

@@ -14,6 +14,7 @@
 #include "agent/SystemdNotify.h"
 #include "entities/Config.h"
 #include "entities/Status.h"
+#include "runtime/NestedReactor.h"
 
 namespace Agent {
 
@@ -90,15 +91,15 @@ class Agent {
   std::unique_ptr<ControlServer> control_;
   std::unique_ptr<TreeExpander> trees_;
   int signalFd_ = -1;
-  Kel::Ptr<SignalReactor> signals_;
+  Kel::Nested<SignalReactor> signals_;
   std::unique_ptr<ConfigFileWatcher> watcher_;
-  Kel::Ptr<ReloadTimer> reloadTimer_;
+  Kel::Nested<ReloadTimer> reloadTimer_;
   // Null when Replicate's control directory cannot be used.
   std::unique_ptr<HostStates> hostStates_;
   SystemdNotify systemd_;
   // Updated by status requests, which are const otherwise.
   mutable Progress progress_;
-  Kel::Ptr<WatchdogTimer> watchdog_;
+  Kel::Nested<WatchdogTimer> watchdog_;
   std::uint64_t reloads_ = 0;
   std::uint64_t reloadErrors_ = 0;
   std::unique_ptr<MetricsTextfile> metricsTextfile_;

@@ -65,23 +65,21 @@ std::string duration(double seconds) {
 
 }  // namespace
 
-class HostStates::ProbeClock : public Kel::Clock::NotifieeConst {
+class HostStates::ProbeClock : public Kel::NestedReactor<HostStates, Kel::Clock::NotifieeConst> {
  public:
-  ProbeClock(HostStates* owner, std::string host) : owner_(owner), host_(std::move(host)) {}
-  void onTime() override { owner_->handleProbeClock(host_); }
+  ProbeClock(HostStates* owner, std::string host) : NestedReactor(owner), host_(std::move(host)) {}
+  void onTime() override { owner()->handleProbeClock(host_); }
 
  private:
-  HostStates* owner_;
   std::string host_;
 };
 
-class HostStates::ProbeEnd : public Kel::ChildSiginfo::NotifieeConst {
+class HostStates::ProbeEnd : public Kel::NestedReactor<HostStates, Kel::ChildSiginfo::NotifieeConst> {
  public:
-  ProbeEnd(HostStates* owner, std::string host) : owner_(owner), host_(std::move(host)) {}
-  void onSignalCode() override { owner_->handleProbeEnd(host_); }
+  ProbeEnd(HostStates* owner, std::string host) : NestedReactor(owner), host_(std::move(host)) {}
+  void onSignalCode() override { owner()->handleProbeEnd(host_); }
 
  private:
-  HostStates* owner_;
   std::string host_;
 };
 
@@ -103,11 +101,8 @@ HostStates::Host const& HostStates::host(std::string const& text) const {
 }
 
 void HostStates::release(Entry& entry) {
-  entry.clock->markedForDeletionIs(true);
-  entry.clock->timeMinIs(Kel::Clock::never);
-  entry.clock->notifierIs(nullptr);
-  entry.probeEnd->markedForDeletionIs(true);
-  entry.probeEnd->notifierIs(nullptr);
+  entry.clock.release();
+  entry.probeEnd.release();
   // Its state file tells the outcome to whoever follows it next.
   if (entry.probe) entry.probe->kill(SIGTERM);
 }
@@ -131,9 +126,9 @@ void HostStates::configChanged() {
     if (added) {
       Entry& entry = it->second;
       entry.fileName = Replicate::hostFileName("state", host);
-      entry.clock = new ProbeClock(this, host);
+      entry.clock = Kel::Nested<ProbeClock>(this, host);
       entry.clock->notifierIs(Kel::activityManager()->clock());
-      entry.probeEnd = new ProbeEnd(this, host);
+      entry.probeEnd = Kel::Nested<ProbeEnd>(this, host);
       hostOfFile_[entry.fileName] = host;
       refresh(host);
     } else {

@@ -9,6 +9,7 @@
 #include "entities/Config.h"
 #include "runtime/ChildSiginfo.h"
 #include "runtime/Clock.h"
+#include "runtime/NestedReactor.h"
 #include "runtime/Name.h"
 #include "runtime/Ptr.h"
 
@@ -69,9 +70,9 @@ class HostStates : private FileReplication::DirWatch::Listener {
     std::string fileName;
     Host host;
     // At the next probe while none runs; at the time limit while one does.
-    Kel::Ptr<ProbeClock> clock;
+    Kel::Nested<ProbeClock> clock;
     Kel::Ptr<Kel::ChildSiginfo const> probe;
-    Kel::Ptr<ProbeEnd> probeEnd;
+    Kel::Nested<ProbeEnd> probeEnd;
     // The nextTry that the last probe was started for, and when it ended.
     double probedFor = -1;
     double probeEndedAt = 0;

@@ -43,60 +43,53 @@ std::string replaceFile(std::string const& path, std::string const& text) {
 
 }  // namespace
 
-class MetricsTextfile::WriteTimer : public Kel::Clock::NotifieeConst {
+class MetricsTextfile::WriteTimer : public Kel::NestedReactor<MetricsTextfile, Kel::Clock::NotifieeConst> {
  public:
-  explicit WriteTimer(MetricsTextfile* owner) : owner_(owner) {}
-  void onTime() override { owner_->write(); }
-
- private:
-  MetricsTextfile* owner_;
+  using NestedReactor::NestedReactor;
+  void onTime() override { owner()->write(); }
 };
 
-class MetricsTextfile::StatusWatch : public FileReplication::Status::NotifieeConst {
+class MetricsTextfile::StatusWatch
+    : public Kel::NestedReactor<MetricsTextfile, FileReplication::Status::NotifieeConst> {
  public:
-  explicit StatusWatch(MetricsTextfile* owner) : owner_(owner) {}
-  void onNotifier() override { owner_->requesterWatchesRefresh(); }
+  using NestedReactor::NestedReactor;
+  void onNotifier() override { owner()->requesterWatchesRefresh(); }
   void onRequester(Kel::Name) override { changed(); }
   void onRequester() override { changed(); }
 
  private:
   void changed() {
-    owner_->requesterWatchesRefresh();
-    owner_->changed();
+    owner()->requesterWatchesRefresh();
+    owner()->changed();
   }
-
-  MetricsTextfile* owner_;
 };
 
-class MetricsTextfile::RequesterWatch : public FileReplication::RequesterStatus::NotifieeConst {
+class MetricsTextfile::RequesterWatch
+    : public Kel::NestedReactor<MetricsTextfile, FileReplication::RequesterStatus::NotifieeConst> {
  public:
-  explicit RequesterWatch(MetricsTextfile* owner) : owner_(owner) {}
-  void onFile(Kel::Name) override { owner_->changed(); }
-  void onOverflows() override { owner_->changed(); }
-  void onRunsStarted() override { owner_->changed(); }
-  void onRunsSucceeded() override { owner_->changed(); }
-  void onRunsFailed() override { owner_->changed(); }
-  void onRunsTimedOut() override { owner_->changed(); }
-
- private:
-  MetricsTextfile* owner_;
+  using NestedReactor::NestedReactor;
+  void onFile(Kel::Name) override { owner()->changed(); }
+  void onOverflows() override { owner()->changed(); }
+  void onRunsStarted() override { owner()->changed(); }
+  void onRunsSucceeded() override { owner()->changed(); }
+  void onRunsFailed() override { owner()->changed(); }
+  void onRunsTimedOut() override { owner()->changed(); }
 };
 
 MetricsTextfile::MetricsTextfile(std::string path, Kel::Ptr<FileReplication::Status const> status, Render render,
                                  Say say)
-    : path_(std::move(path)), status_(std::move(status)), render_(std::move(render)), say_(std::move(say)) {
-  timer_ = new WriteTimer(this);
+    : path_(std::move(path)),
+      status_(std::move(status)),
+      render_(std::move(render)),
+      say_(std::move(say)),
+      timer_(this),
+      statusWatch_(this) {
   timer_->notifierIs(Kel::activityManager()->clock());
-  statusWatch_ = new StatusWatch(this);
   statusWatch_->notifierIs(status_);
   changed();
 }
 
-MetricsTextfile::~MetricsTextfile() {
-  for (auto& [name, watch] : requesterWatches_) watch->notifierIs(nullptr);
-  statusWatch_->notifierIs(nullptr);
-  timer_->notifierIs(nullptr);
-}
+MetricsTextfile::~MetricsTextfile() = default;
 
 void MetricsTextfile::changed() {
   if (timer_->timeMin() != Kel::Clock::never) return;
@@ -124,14 +117,12 @@ void MetricsTextfile::requesterWatchesRefresh() {
       ++it;
       continue;
     }
-    it->second->markedForDeletionIs(true);
-    it->second->notifierIs(nullptr);
     it = requesterWatches_.erase(it);
   }
   for (auto const& [name, rs] : status_->requester()) {
     auto& watch = requesterWatches_[name.str()];
     if (watch) continue;
-    watch = new RequesterWatch(this);
+    watch = Kel::Nested<RequesterWatch>(this);
     watch->notifierIs(rs);
   }
 }

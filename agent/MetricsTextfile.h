@@ -6,6 +6,7 @@
 
 #include "entities/Status.h"
 #include "runtime/Clock.h"
+#include "runtime/NestedReactor.h"
 #include "runtime/Ptr.h"
 
 namespace Agent {
@@ -49,9 +50,9 @@ class MetricsTextfile {
   Kel::Ptr<FileReplication::Status const> status_;
   Render render_;
   Say say_;
-  Kel::Ptr<WriteTimer> timer_;
-  Kel::Ptr<StatusWatch> statusWatch_;
-  std::map<std::string, Kel::Ptr<RequesterWatch>> requesterWatches_;
+  Kel::Nested<WriteTimer> timer_;
+  Kel::Nested<StatusWatch> statusWatch_;
+  std::map<std::string, Kel::Nested<RequesterWatch>> requesterWatches_;
   double lastWrite_ = -Kel::Clock::never;
   std::string written_;
   std::string lastError_;

@@ -31,35 +31,29 @@ std::string errnoText(int error) { return std::strerror(error); }
 
 }  // namespace
 
-class StreamServer::Listener : public Kel::FileDescriptor::Notifiee {
+class StreamServer::Listener : public Kel::NestedReactor<StreamServer, Kel::FileDescriptor::Notifiee> {
  public:
-  explicit Listener(StreamServer* server) : server_(server) {}
+  using NestedReactor::NestedReactor;
   void onReadableCount() override {
     // Nothing may escape into the loop: the agent serves on.
     try {
-      server_->acceptSome();
+      owner()->acceptSome();
     } catch (std::exception const& e) {
-      KEL_TRACE(2, server_->name_ << ": " << e.what());
+      KEL_TRACE(2, owner()->name_ << ": " << e.what());
     }
   }
-
- private:
-  StreamServer* server_;
 };
 
-class StreamServer::AcceptResumer : public Kel::Clock::Notifiee {
+class StreamServer::AcceptResumer : public Kel::NestedReactor<StreamServer, Kel::Clock::Notifiee> {
  public:
-  explicit AcceptResumer(StreamServer* server) : server_(server) {}
+  using NestedReactor::NestedReactor;
   void onTime() override {
     try {
-      server_->acceptingIs(true);
+      owner()->acceptingIs(true);
     } catch (std::exception const& e) {
-      KEL_TRACE(2, server_->name_ << ": cannot accept again: " << e.what());
+      KEL_TRACE(2, owner()->name_ << ": cannot accept again: " << e.what());
     }
   }
-
- private:
-  StreamServer* server_;
 };
 
 // One client: reads until the protocol has a reply, queues it, writes it as
@@ -224,13 +218,12 @@ StreamServer::StreamServer(int listenDescriptor, std::string name, Protocol prot
     listenFileDescriptor_ = Kel::FileDescriptor::FileDescriptorIs("AgentStreamListener");
     listenFileDescriptor_->descriptorIs(listenDescriptor_);
     listenFileDescriptor_->nonBlockingIs(true);
-    listener_ = new Listener(this);
+    listener_ = Kel::Nested<Listener>(this);
     listener_->notifierIs(listenFileDescriptor_);
-    acceptResumer_ = new AcceptResumer(this);
+    acceptResumer_ = Kel::Nested<AcceptResumer>(this);
     acceptResumer_->notifierIs(Kel::activityManager()->clock());
     acceptingIs(true);
   } catch (...) {
-    if (listener_) listener_->notifierIs(nullptr);
     if (listenFileDescriptor_) listenFileDescriptor_->descriptorIs(-1);
     close(listenDescriptor_);
     throw;
@@ -240,8 +233,6 @@ StreamServer::StreamServer(int listenDescriptor, std::string name, Protocol prot
 StreamServer::~StreamServer() {
   for (auto& entry : connections_) entry.second->closeDescriptor();
   connections_.clear();
-  acceptResumer_->notifierIs(nullptr);
-  listener_->notifierIs(nullptr);
   listenFileDescriptor_->descriptorIs(-1);
   close(listenDescriptor_);
 }

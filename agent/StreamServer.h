@@ -7,6 +7,7 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "runtime/NestedReactor.h"
 #include "runtime/Ptr.h"
 
 namespace Kel {
@@ -72,8 +73,8 @@ class StreamServer {
   double requestTimeout_;
   std::size_t maxRequestBytes_;
   Kel::Ptr<Kel::FileDescriptor> listenFileDescriptor_;
-  Kel::Ptr<Listener> listener_;
-  Kel::Ptr<AcceptResumer> acceptResumer_;
+  Kel::Nested<Listener> listener_;
+  Kel::Nested<AcceptResumer> acceptResumer_;
   // False while accept() is out of descriptors or memory.
   bool accepting_ = false;
   std::unordered_map<Connection*, Kel::Ptr<Connection>> connections_;

@@ -1,7 +1,9 @@
 #include "runtime/Entity.h"
+#include "runtime/NestedReactor.h"
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -131,6 +133,46 @@ TEST(EntityTest, ThrowingReactorDoesNotStopTheFanOut) {
     throw std::runtime_error("gone");
   };
   EXPECT_THROW(thing->valueIs(3), std::runtime_error);
+}
+
+// Hears the thing through a nested reactor and asks handler what to do.
+class Owner {
+ public:
+  Owner(Kel::Ptr<Thing> const& thing, std::function<void()> const* handler) : handler_(handler), watch_(this) {
+    watch_->notifierIs(thing);
+  }
+  void handleValue() { (*handler_)(); }
+
+ private:
+  class Watch : public Kel::NestedReactor<Owner, Thing::NotifieeConst> {
+   public:
+    using NestedReactor::NestedReactor;
+    void onValue() override { owner()->handleValue(); }
+  };
+
+  std::function<void()> const* handler_;
+  Kel::Nested<Watch> watch_;
+};
+
+TEST(EntityTest, NestedReactorGoesWithItsOwnerEvenInsideItsOwnCallback) {
+  auto thing = Thing::ThingIs();
+  int calls = 0;
+  std::unique_ptr<Owner> first, second;
+  std::function<void()> const handler = [&] {
+    ++calls;
+    first.reset();
+    second.reset();
+  };
+  first = std::make_unique<Owner>(thing, &handler);
+  second = std::make_unique<Owner>(thing, &handler);
+  thing->valueIs(1);
+  EXPECT_EQ(1, calls) << "the second owner went before its turn";
+  EXPECT_EQ(0u, thing->reactors());
+
+  auto third = std::make_unique<Owner>(thing, &handler);
+  EXPECT_EQ(1u, thing->reactors());
+  third = nullptr;
+  EXPECT_EQ(0u, thing->reactors());
 }
 
 }  // namespace
