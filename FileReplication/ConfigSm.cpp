@@ -75,9 +75,9 @@ void ConfigSm::handleRequesterConfig(Kel::Name name) {
     return;
   }
   // A requester's mode cannot change in place: it is removed and added again.
-  KEL_ASSERT(!requesterConfigSm( name ));
+  KEL_ASSERT_TEXT(!requesterConfigSm(name), "!requesterConfigSm( name )");
   if (rc->mode() != RequesterConfig::periodic && rc->mode() != RequesterConfig::inotify) {
-    KEL_ASSERT(0 && "invalid mode");
+    KEL_ASSERT_TEXT(false, "0 && \"invalid mode\"");
   }
   auto rs = status_->requester(name);
   if (!rs) rs = status_->requesterIs(name);
@@ -85,7 +85,7 @@ void ConfigSm::handleRequesterConfig(Kel::Name name) {
   switch (rc->mode()) {
     case RequesterConfig::periodic: sm = PeriodicRequesterConfigSm::PeriodicRequesterConfigSmIs(name, rc, rs); break;
     case RequesterConfig::inotify: sm = InotifyRequesterConfigSm::InotifyRequesterConfigSmIs(name, rc, rs); break;
-    default: KEL_ASSERT(0);
+    default: KEL_ASSERT_TEXT(false, "0");
   }
   requesterConfigSmIs(sm);
 }

@@ -78,7 +78,7 @@ void RequesterConfigSmBase::handlePeriod() { KEL_TRACE(3, __PRETTY_FUNCTION__ <<
 
 void RequesterConfigSmBase::replicateFiles() {
   KEL_TRACE(3, __PRETTY_FUNCTION__ << ": ");
-  KEL_ASSERT(0 && "abstract method is called");
+  KEL_ASSERT_TEXT(false, "0 && \"abstract method is called\"");
 }
 
 void RequesterConfigSmBase::deleteIfNotExist() { KEL_TRACE(3, __PRETTY_FUNCTION__ << ": "); }

@@ -327,7 +327,7 @@ void Watcher::eventClockIs(Kel::Ptr<Kel::Clock> const& clock) {
   kelEventClock_->notifierIs(clock);
 }
 
-void Watcher::handleInotifyEvent(InotifyEvent const&) { KEL_ASSERT(0 && "abstract method called"); }
+void Watcher::handleInotifyEvent(InotifyEvent const&) { KEL_ASSERT_TEXT(false, "0 && \"abstract method called\""); }
 
 void Watcher::handleInitialized() {
   KEL_TRACE(3, "virtual void FileReplication::Watcher::handleInitialized()");

@@ -204,7 +204,7 @@ void InotifyRequesterConfigSm::handleFile(Kel::Name name) {
 
 void InotifyRequesterConfigSm::addWatch(Kel::String const& path, Kel::Ptr<FileConfig const> fileConfig,
                                         Kel::Ptr<FileStatus> fileStatus) {
-  KEL_ASSERT(enabled());
+  KEL_ASSERT_TEXT(enabled(), "enabled()");
   // A directory that is missing is watched for when it appears: the
   // configuration and the file system may disagree at any moment.
   auto const dsm = dirSmIs(Utils::dirname(path));

@@ -105,7 +105,7 @@ void EventLoop::deferredIs(std::function<void()> work) { deferred_.push_back(std
 
 void EventLoop::turn(double maxWait) {
   bool const insideTurn = ready_ != nullptr;
-  KEL_ASSERT(!insideTurn);
+  KEL_ASSERT_TEXT(!insideTurn, "!insideTurn");
   std::size_t const queued = deferred_.size();
   Ptr<Clock> const clock = activityManager()->clock();
 
