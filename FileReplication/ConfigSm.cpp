@@ -15,8 +15,8 @@ namespace FileReplication {
 
 class ConfigSm::KelConfig : public Kel::NestedReactor<ConfigSm, Config::NotifieeConst> {
  public:
-  using NestedReactor::NestedReactor;
   using Config::NotifieeConst::onRequester;
+  using NestedReactor::NestedReactor;
   void onRequester(Kel::Name name) override { owner()->handleRequesterConfig(name); }
 };
 

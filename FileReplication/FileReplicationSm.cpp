@@ -42,9 +42,7 @@ RequesterConfigSmBase::RequesterConfigSmBase(Kel::Name name, Kel::Ptr<RequesterC
 
 RequesterConfigSmBase::~RequesterConfigSmBase() { remoteHostSmDel(); }
 
-Kel::Ptr<RequesterConfig const> RequesterConfigSmBase::requesterConfig() const {
-  return requesterConfig_->notifier();
-}
+Kel::Ptr<RequesterConfig const> RequesterConfigSmBase::requesterConfig() const { return requesterConfig_->notifier(); }
 
 Kel::Ptr<RemoteHostSm> RequesterConfigSmBase::remoteHostSm() const { return remoteHostSm_; }
 
@@ -135,7 +133,7 @@ class RemoteHostSm::KelRemoteHostReplicationClock : public Kel::NestedReactor<Re
 };
 
 Kel::Ptr<RemoteHostSm> RemoteHostSm::RemoteHostSmIs(RequesterConfigSmBase* requesterConfigSmBase,
-                                                     Kel::Ptr<RequesterConfig const> requesterConfig) {
+                                                    Kel::Ptr<RequesterConfig const> requesterConfig) {
   return new RemoteHostSm(requesterConfigSmBase, std::move(requesterConfig));
 }
 
@@ -186,8 +184,7 @@ void RemoteHostSm::handleRemoteHostReplicationClock() {
 Kel::Ptr<RequesterConfigSmBase> requesterConfigSmBaseFactory(Kel::Name name,
                                                              Kel::Ptr<RequesterConfig const> requesterConfig,
                                                              Kel::Ptr<RequesterStatus> requesterStatus) {
-  return RequesterConfigSmBase::RequesterConfigSmBaseIs(name, std::move(requesterConfig),
-                                                        std::move(requesterStatus));
+  return RequesterConfigSmBase::RequesterConfigSmBaseIs(name, std::move(requesterConfig), std::move(requesterStatus));
 }
 
 }  // namespace FileReplication

@@ -38,8 +38,8 @@ Kel::Ptr<Kel::ChildSiginfo const> rsyncFile(Kel::String8 remoteHostsString, Kel:
   Kel::ChildSetup setup;
   setup.batchLimit = maxFilesPerRun;
   KEL_TRACE(6, "rsycnFile remoteHostsString:" << remoteHostsString << " source:" << source << " target:" << target
-                                               << " rsyncOptions: " << rsyncOptions
-                                               << (sshOptions == "" ? "" : " sshOptions: ") << sshOptions);
+                                              << " rsyncOptions: " << rsyncOptions
+                                              << (sshOptions == "" ? "" : " sshOptions: ") << sshOptions);
   auto argv = commandHead("rsyncFile", remoteHostsString, sshOptions);
   argv.insert(argv.end(), {"--source", source.charPtr(), "--target", target.charPtr(), "--rsyncOptions",
                            rsyncOptions.charPtr(), nullptr});
@@ -49,7 +49,7 @@ Kel::Ptr<Kel::ChildSiginfo const> rsyncFile(Kel::String8 remoteHostsString, Kel:
 Kel::Ptr<Kel::ChildSiginfo const> deleteFile(Kel::String8 remoteHostsString, Kel::String8 target,
                                              Kel::String8 sshOptions) {
   KEL_TRACE(6, "deleteFile remoteHostsString:" << remoteHostsString << " target:" << target
-                                                << (sshOptions == "" ? "" : " sshOptions: ") << sshOptions);
+                                               << (sshOptions == "" ? "" : " sshOptions: ") << sshOptions);
   auto argv = commandHead("deleteFile", remoteHostsString, sshOptions);
   argv.insert(argv.end(), {"--target", target.charPtr(), nullptr});
   return Kel::run(argv.data(), -1, -1, -1, -1);

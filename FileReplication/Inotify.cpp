@@ -120,9 +120,8 @@ Kel::String valueToStrep(InotifyEvent::Type t) { return Kel::valueToStrep(Inotif
 
 Kel::String valueToStrep(InotifyEvent const& e) {
   return "Value('FileReplication::InotifyEvent', ** {'eventType': " + valueToStrep(e.eventType()) +
-         ", 'isDirectory': " + Kel::valueToStrep(e.isDirectory()) +
-         ", 'watchId': " + Kel::valueToStrep(e.watchId()) + ", 'fileName': " + Kel::valueToStrep(e.fileName()) +
-         "})";
+         ", 'isDirectory': " + Kel::valueToStrep(e.isDirectory()) + ", 'watchId': " + Kel::valueToStrep(e.watchId()) +
+         ", 'fileName': " + Kel::valueToStrep(e.fileName()) + "})";
 }
 
 std::ostream& operator<<(std::ostream& o, InotifyEvent::Type t) { return o << InotifyEvent::stringValue(t); }

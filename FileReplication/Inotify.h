@@ -7,8 +7,8 @@
 #include "runtime/Entity.h"
 #include "runtime/FileDescriptor.h"
 #include "runtime/LinkQueue.h"
-#include "runtime/NestedReactor.h"
 #include "runtime/Name.h"
+#include "runtime/NestedReactor.h"
 #include "runtime/Strep.h"
 #include "runtime/String.h"
 

@@ -172,8 +172,9 @@ InotifyRequesterConfigSm::UnwatchedCollection InotifyRequesterConfigSm::unwatche
   for (auto const& [dir, dsm] : dirSm_) {
     auto const watch = dsm->dirWatch();
     if (!watch || watch->watchId()) continue;
-    unwatched.insert(dir, watch->error() ? watch->errorText()
-                                         : Kel::String("missing; watching " + watch->waitingOn().str() + " for it to appear"));
+    unwatched.insert(dir, watch->error()
+                              ? watch->errorText()
+                              : Kel::String("missing; watching " + watch->waitingOn().str() + " for it to appear"));
   }
   return unwatched;
 }
@@ -257,7 +258,8 @@ void InotifyRequesterConfigSm::handleOverflow() {
   if (overflows == overflowsSeen_) return;
   overflowsSeen_ = overflows;
   KEL_TRACE(6, "Inotify queue overflowed: replicating every file once");
-  log(LogPriority::warning, "requester " + name().str() + ": the kernel dropped file change events; replicating every file once");
+  log(LogPriority::warning,
+      "requester " + name().str() + ": the kernel dropped file change events; replicating every file once");
   requesterStatus()->overflowsIs(requesterStatus()->overflows() + 1);
   replicateFiles();
 }

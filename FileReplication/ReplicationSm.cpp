@@ -1,8 +1,8 @@
 #include "FileReplication/ReplicationSm.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
-#include <algorithm>
 #include <iomanip>
 #include <sstream>
 #include <string>
@@ -208,9 +208,7 @@ void ReplicationSm::disableReplication() {
       stateIs(disabled);
       break;
     case disabled:
-    case standby:
-      stateIs(disabled);
-      break;
+    case standby: stateIs(disabled); break;
   }
 }
 
@@ -266,8 +264,8 @@ void ReplicationSm::startReplication() {
       return;
     }
     SM_TRACE(": Deleting file");
-    log(LogPriority::notice, "deleting the copies of " + path().str() + " (" + dstPath().str() + hostsText() +
-                                 "): the source is missing");
+    log(LogPriority::notice,
+        "deleting the copies of " + path().str() + " (" + dstPath().str() + hostsText() + "): the source is missing");
     replicationCmdIs(Commands::deleteFile(remoteHostsString(), dstPath(), requesterConfig_->sshOptions()));
   } else {
     // A source we cannot look at may well be there: its copy must not be
@@ -358,9 +356,7 @@ void ReplicationSm::handleReplicationCmdSignalCode() {
         updateFileStatus(FileStatus::synchronized);
         startReplication();
         break;
-      default:
-        SM_TRACE("NoOp");
-        break;
+      default: SM_TRACE("NoOp"); break;
     }
   } else {
     SM_TRACE("Replication failed");
@@ -383,9 +379,7 @@ void ReplicationSm::handleReplicationCmdSignalCode() {
         updateFileStatus(FileStatus::failed);
         startBackoffClock();
         break;
-      default:
-        SM_TRACE(": NoOp");
-        break;
+      default: SM_TRACE(": NoOp"); break;
     }
   }
 }

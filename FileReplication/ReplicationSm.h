@@ -34,8 +34,7 @@ class ReplicationSm : public Kel::Entity {
 
   // requesterStatus, when given, counts the runs.
   static Kel::Ptr<ReplicationSm> ReplicationSmIs(Kel::String8 name, Kel::Ptr<RequesterConfig const> requesterConfig,
-                                                 Kel::Ptr<FileConfig const> fileConfig,
-                                                 Kel::Ptr<FileStatus> fileStatus,
+                                                 Kel::Ptr<FileConfig const> fileConfig, Kel::Ptr<FileStatus> fileStatus,
                                                  Kel::Ptr<RequesterStatus> requesterStatus = nullptr);
 
   Kel::String8 const& name() const { return name_; }
@@ -117,8 +116,7 @@ class ReplicationSm : public Kel::Entity {
   class KelBackoffClock;
   class KelReplicationCmd;
 
-  void countRun(std::uint64_t (RequesterStatus::*counter)() const,
-                void (RequesterStatus::*counterIs)(std::uint64_t));
+  void countRun(std::uint64_t (RequesterStatus::*counter)() const, void (RequesterStatus::*counterIs)(std::uint64_t));
 
   Kel::String8 name_;
   Kel::Ptr<RequesterConfig const> requesterConfig_;

@@ -16,8 +16,8 @@
 #include <string_view>
 #include <utility>
 
-#include "FileReplication/FileReplicationUtils.h"
 #include "FileReplication/DirWatch.h"
+#include "FileReplication/FileReplicationUtils.h"
 #include "FileReplication/InotifyWatches.h"
 #include "FileReplication/ReplicationSm.h"
 #include "agent/ConfigApplier.h"
@@ -51,7 +51,6 @@ constexpr double reloadDelay = 0.2;
 // How often a watch of the configuration's directory that the kernel refused
 // is tried again.
 constexpr double watchRetryDelay = 10;
-
 
 sigset_t handledSignals() {
   sigset_t set;
@@ -95,9 +94,7 @@ nlohmann::json error(std::string message) { return {{"ok", false}, {"error", std
 // What the trees ask of the rest of the agent: the log, and the machines of
 // their requesters.
 TreeExpander::Hooks treeHooks(Agent* agent) {
-  auto requesterSm = [agent](std::string const& name) {
-    return agent->configSm()->requesterConfigSm(Kel::Name(name));
-  };
+  auto requesterSm = [agent](std::string const& name) { return agent->configSm()->requesterConfigSm(Kel::Name(name)); };
   auto nextRun = [requesterSm](std::string const& name) {
     auto const sm = requesterSm(name);
     return sm ? sm->nextPeriodicRun() : Kel::Clock::never;
@@ -209,12 +206,15 @@ Agent::Agent(Options options) : options_(std::move(options)) {
   trees_ = std::make_unique<TreeExpander>(config_, status_, treeHooks(this));
   apply(parsed.config);
   try {
-    hostStates_ = std::make_unique<HostStates>(config_, HostStates::Hooks{[](LogPriority p, std::string const& line) { say(p, line); }, [this](Kel::Name requester) {
-                                                 if (auto sm = configSm_->requesterConfigSm(requester)) {
-                                                   FileReplication::RequesterConfigSmBase::operations().invoke(
-                                                       *sm, "replicateFiles");
-                                                 }
-                                               }, [this] { metricsChanged(); }});
+    hostStates_ = std::make_unique<HostStates>(
+        config_, HostStates::Hooks{[](LogPriority p, std::string const& line) { say(p, line); },
+                                   [this](Kel::Name requester) {
+                                     if (auto sm = configSm_->requesterConfigSm(requester)) {
+                                       FileReplication::RequesterConfigSmBase::operations().invoke(*sm,
+                                                                                                   "replicateFiles");
+                                     }
+                                   },
+                                   [this] { metricsChanged(); }});
   } catch (std::runtime_error const& e) {
     // Replication goes on; only the hosts' states are not known.
     say(LogPriority::error, std::string("the states of remote hosts cannot be followed: ") + e.what());
@@ -335,8 +335,9 @@ void Agent::metricsTextfileIs(std::string const& path) {
     metricsTextfile_.reset();
   }
   if (path.empty()) return;
-  metricsTextfile_ = std::make_unique<MetricsTextfile>(path, status_, [this] { return metrics(); },
-                                                       [](std::string const& why) { say(LogPriority::warning, "metrics: " + why); });
+  metricsTextfile_ = std::make_unique<MetricsTextfile>(
+      path, status_, [this] { return metrics(); },
+      [](std::string const& why) { say(LogPriority::warning, "metrics: " + why); });
 }
 
 void Agent::metricsChanged() {

@@ -147,8 +147,8 @@ std::optional<std::string> readText(YAML::Node const& n) {
 bool isRequesterName(std::string_view name) {
   if (name.empty()) return false;
   for (char c : name) {
-    bool const ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
-                    c == '_' || c == '-';
+    bool const ok =
+        (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
     if (!ok) return false;
   }
   return true;
@@ -237,8 +237,8 @@ SshSettings merged(SshSettings const& base, SshSettings const& over) {
 bool isUserName(std::string_view name) {
   if (name.empty() || name.front() == '-') return false;
   for (char c : name) {
-    bool const ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
-                    c == '_' || c == '-';
+    bool const ok =
+        (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
     if (!ok) return false;
   }
   return true;
@@ -379,8 +379,8 @@ void Parser::forEachEntry(YAML::Node const& map, Handle handle) {
 
 void Parser::parseTop(YAML::Node const& top) {
   if (!top.IsMap()) {
-    error(top.Mark(), "the top level is " + describe(top) + "; expected a mapping with the keys " +
-                          joined(topLevelKeys));
+    error(top.Mark(),
+          "the top level is " + describe(top) + "; expected a mapping with the keys " + joined(topLevelKeys));
     return;
   }
   forEachEntry(top, [&](std::string const& key, YAML::Node const& keyNode, YAML::Node const& value) {
@@ -418,13 +418,13 @@ void Parser::parseRequesters(YAML::Node const& requesters, YAML::Mark const& at)
 void Parser::parseRequester(std::string const& name, YAML::Node const& key, YAML::Node const& settings) {
   // The status output and the control socket name requesters as plain words.
   if (!isRequesterName(name)) {
-    error(key.Mark(), "requester name " + quoted(name) +
-                          " is not allowed; expected one or more letters, digits, '.', '_' or '-'");
+    error(key.Mark(),
+          "requester name " + quoted(name) + " is not allowed; expected one or more letters, digits, '.', '_' or '-'");
   }
   std::string const where = " in requester " + quoted(name);
   if (!settings.IsMap()) {
-    error(markOf(settings, key), "requester " + quoted(name) + " is " + describe(settings) +
-                                     "; expected a mapping with at least mode");
+    error(markOf(settings, key),
+          "requester " + quoted(name) + " is " + describe(settings) + "; expected a mapping with at least mode");
     return;
   }
   RequesterSettings r;
@@ -534,8 +534,8 @@ void Parser::parseRemoteHosts(YAML::Node const& hosts, YAML::Mark const& at, Req
     }
     auto const [first, isNew] = firstLine.emplace(text, hostAt.line + 1);
     if (!isNew) {
-      error(hostAt, "remote host " + quoted(text) + " is listed twice (first at line " +
-                        std::to_string(first->second) + "); expected each host once");
+      error(hostAt, "remote host " + quoted(text) + " is listed twice (first at line " + std::to_string(first->second) +
+                        "); expected each host once");
       continue;
     }
     r.remoteHosts.push_back(text);
@@ -612,12 +612,14 @@ void Parser::parseMetrics(YAML::Node const& metrics, YAML::Mark const& at) {
       return;
     }
     if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-      warning(valueAt, "the directory " + quoted(dir) + " of textfile does not exist; the metrics are not written "
-                       "until it does");
+      warning(valueAt, "the directory " + quoted(dir) +
+                           " of textfile does not exist; the metrics are not written "
+                           "until it does");
     }
     if (!path->ends_with(".prom")) {
-      warning(valueAt, "textfile " + quoted(*path) + " does not end in .prom; the textfile collector reads only "
-                       "files that do");
+      warning(valueAt, "textfile " + quoted(*path) +
+                           " does not end in .prom; the textfile collector reads only "
+                           "files that do");
     }
     result_.config.metricsTextfile = std::move(*path);
   });
@@ -713,8 +715,8 @@ void Parser::parseFiles(YAML::Node const& files, YAML::Mark const& at, Requester
     }
     auto const [first, isNew] = firstLine.emplace(f.path, pathAt->line + 1);
     if (!isNew) {
-      error(*pathAt, "file " + quoted(f.path) + " is listed twice in requester " + quoted(r.name) +
-                         " (first at line " + std::to_string(first->second) + "); expected each file once");
+      error(*pathAt, "file " + quoted(f.path) + " is listed twice in requester " + quoted(r.name) + " (first at line " +
+                         std::to_string(first->second) + "); expected each file once");
       continue;
     }
     sites.push_back({f.path, *pathAt});
@@ -769,7 +771,8 @@ void Parser::checkTreesOf(RequesterSettings const& r, std::vector<FileSite> cons
     return std::to_string(sites[i].mark.line + 1) + ":" + std::to_string(sites[i].mark.column + 1);
   };
   for (auto const& finding : checkTrees(r, where)) {
-    (finding.error ? result_.errors : result_.warnings).push_back(position(sites[finding.entry].mark) + finding.message);
+    (finding.error ? result_.errors : result_.warnings)
+        .push_back(position(sites[finding.entry].mark) + finding.message);
   }
 }
 
@@ -786,8 +789,8 @@ void Parser::checkWatchable(FileSite const& site) {
     warning(site.mark,
             "the directory " + quoted(dir) + " does not exist" + why + "its files are replicated once it appears");
   } else {
-    warning(site.mark, "the directory " + quoted(dir) + " cannot be checked" + why +
-                           "the agent may be unable to watch it");
+    warning(site.mark,
+            "the directory " + quoted(dir) + " cannot be checked" + why + "the agent may be unable to watch it");
   }
 }
 

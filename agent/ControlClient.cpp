@@ -53,8 +53,7 @@ void timeoutIs(int descriptor, int option, double seconds) {
 
 }  // namespace
 
-nlohmann::json request(std::string const& socketPath, nlohmann::json const& message,
-                       double timeoutSeconds) {
+nlohmann::json request(std::string const& socketPath, nlohmann::json const& message, double timeoutSeconds) {
   if (!(timeoutSeconds > 0) || timeoutSeconds > 1e6) fail("the control timeout must be between 0 and 1e6 seconds");
   sockaddr_un address{};
   address.sun_family = AF_UNIX;

@@ -30,9 +30,11 @@ struct ControlOperation {
 inline constexpr ControlOperation controlOperations[] = {
     {"status", "Show the status of every requester and file.", {}},
     {"metrics", "Print the agent's metrics in the Prometheus text exposition format.", {}},
-    {"replicate", "Replicate one file of a requester now, or all of them.",
+    {"replicate",
+     "Replicate one file of a requester now, or all of them.",
      {{"requester", true, "The requester"}, {"path", false, "The file (all files when left out)"}}},
-    {"deleteIfNotExist", "Delete on the remote hosts the files of a disabled requester whose source is gone.",
+    {"deleteIfNotExist",
+     "Delete on the remote hosts the files of a disabled requester whose source is gone.",
      {{"requester", true, "The requester"}}},
 };
 

@@ -76,8 +76,7 @@ void prepareDirectory(std::string const& directory) {
   if (st.st_mode & (S_IWGRP | S_IWOTH)) {
     std::ostringstream mode;
     mode << std::oct << (st.st_mode & 07777);
-    fail("socket directory " + directory + " is writable by group or others (mode 0" + mode.str() +
-         "); make it 0700");
+    fail("socket directory " + directory + " is writable by group or others (mode 0" + mode.str() + "); make it 0700");
   }
 }
 
@@ -212,7 +211,8 @@ ControlServer::~ControlServer() {
 
 std::optional<std::string> ControlServer::replyText(std::string_view received, bool ended) const {
   std::size_t const newline = received.find('\n');
-  if (newline != std::string_view::npos && newline <= maxRequestBytes) return line(replyTo(received.substr(0, newline)));
+  if (newline != std::string_view::npos && newline <= maxRequestBytes)
+    return line(replyTo(received.substr(0, newline)));
   if (!ended) return std::nullopt;
   // A client that connects and goes, as an agent checking for another does,
   // gets no reply.

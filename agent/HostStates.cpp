@@ -163,7 +163,8 @@ void HostStates::refresh(std::string const& host) {
 
 void HostStates::changed(std::string const& host, Host const& before, Host const& after) {
   if (after.state == State::down && before.state != State::down) {
-    hooks_.say(FileReplication::LogPriority::warning, "host " + host + " is down" + (after.error.empty() ? "" : ": " + after.error));
+    hooks_.say(FileReplication::LogPriority::warning,
+               "host " + host + " is down" + (after.error.empty() ? "" : ": " + after.error));
     return;
   }
   // Up since a later time: it went down and came back between two looks.

@@ -9,8 +9,8 @@
 #include "entities/Config.h"
 #include "runtime/ChildSiginfo.h"
 #include "runtime/Clock.h"
-#include "runtime/NestedReactor.h"
 #include "runtime/Name.h"
+#include "runtime/NestedReactor.h"
 #include "runtime/Ptr.h"
 
 namespace Agent {

@@ -161,7 +161,8 @@ std::string metricsText(MetricsSource const& source) {
   family(out, "filerep_host_last_success_timestamp_seconds", "gauge", "When a run last reached the remote host.");
   for (auto const& text : hosts) {
     double const lastSuccess = hostOf(text).lastSuccess;
-    if (lastSuccess > 0) sample(out, "filerep_host_last_success_timestamp_seconds", {{"host", text}}, number(lastSuccess));
+    if (lastSuccess > 0)
+      sample(out, "filerep_host_last_success_timestamp_seconds", {{"host", text}}, number(lastSuccess));
   }
 
   family(out, "filerep_replicate_running", "gauge", "Replicate processes running.");

@@ -63,7 +63,8 @@ std::optional<ListenAddress> parseListenAddress(std::string_view text, std::stri
   return listen;
 }
 
-MetricsListener::MetricsListener(std::string address, Text text) : address_(std::move(address)), text_(std::move(text)) {
+MetricsListener::MetricsListener(std::string address, Text text)
+    : address_(std::move(address)), text_(std::move(text)) {
   std::string problem;
   auto const where = parseListenAddress(address_, problem);
   if (!where) throw std::runtime_error("metrics listen address " + address_ + ": " + problem);

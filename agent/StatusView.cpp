@@ -154,8 +154,8 @@ std::string progressText(nlohmann::json const& requester, std::string const& whe
   if (!done.is_number_integer() || !total.is_number_integer() || !(left.is_number() || left.is_null())) {
     malformed(where, "progress", "an object with done, total and secondsLeft");
   }
-  std::string text = ", " + std::to_string(done.get<std::int64_t>()) + " of " +
-                     std::to_string(total.get<std::int64_t>()) + " done";
+  std::string text =
+      ", " + std::to_string(done.get<std::int64_t>()) + " of " + std::to_string(total.get<std::int64_t>()) + " done";
   if (left.is_number()) {
     std::string const ago = age(left.get<double>());
     text += ", about " + ago.substr(0, ago.find(" ago")) + " left";

@@ -213,7 +213,8 @@ StreamServer::StreamServer(int listenDescriptor, std::string name, Protocol prot
       requestTimeout_(requestTimeout),
       maxRequestBytes_(maxRequestBytes) {
   try {
-    if (!protocol_.reply || !protocol_.timedOut || !protocol_.admit) throw std::invalid_argument(name_ + ": no protocol");
+    if (!protocol_.reply || !protocol_.timedOut || !protocol_.admit)
+      throw std::invalid_argument(name_ + ": no protocol");
     if (!(requestTimeout_ > 0)) throw std::invalid_argument(name_ + ": the request timeout must be positive");
     listenFileDescriptor_ = Kel::FileDescriptor::FileDescriptorIs("AgentStreamListener");
     listenFileDescriptor_->descriptorIs(listenDescriptor_);

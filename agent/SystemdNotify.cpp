@@ -39,8 +39,7 @@ void SystemdNotify::send(std::string const& state) const {
   std::memcpy(address.sun_path, address_.data(), address_.size());
   auto const length = socklen_t(offsetof(sockaddr_un, sun_path) + address_.size());
   // Non-blocking in effect: a datagram to a full queue is dropped, not waited for.
-  sendto(fd_, state.data(), state.size(), MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&address),
-         length);
+  sendto(fd_, state.data(), state.size(), MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&address), length);
 }
 
 }  // namespace Agent

@@ -2,8 +2,8 @@
 
 #include <time.h>
 
-#include <cmath>
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 namespace Agent {

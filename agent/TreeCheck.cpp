@@ -58,9 +58,9 @@ std::vector<TreeFinding> checkTrees(RequesterSettings const& r, std::function<st
                               describeErrno(u.error) + "); the files in it are not replicated"});
     }
     if (walk.files.empty() && walk.unreadable.empty()) {
-      findings.push_back({at[k], false,
-                          "path \"" + entry.settings().path +
-                              "\" matches no file now; its files are replicated once they appear"});
+      findings.push_back(
+          {at[k], false,
+           "path \"" + entry.settings().path + "\" matches no file now; its files are replicated once they appear"});
     }
     for (auto const& path : walk.files) claim(path, at[k]);
   }

@@ -155,8 +155,8 @@ void TreeRequester::rescan() {
   double const wall = clockMs(CLOCK_MONOTONIC), cpu = clockMs(CLOCK_THREAD_CPUTIME_ID);
   for (std::size_t k = 0; k < entries_.size(); ++k) rescanUnder(k, rootDir(entries_[k]));
   KEL_TRACE(2, "rescan of " << settings_.name << ": " << members_.size() << " files, "
-                            << clockMs(CLOCK_MONOTONIC) - wall << " ms, "
-                            << clockMs(CLOCK_THREAD_CPUTIME_ID) - cpu << " ms CPU");
+                            << clockMs(CLOCK_MONOTONIC) - wall << " ms, " << clockMs(CLOCK_THREAD_CPUTIME_ID) - cpu
+                            << " ms CPU");
 }
 
 void TreeRequester::appendFiles(std::vector<FileSettings>& files) const {
@@ -306,8 +306,8 @@ void TreeRequester::unwatchUnder(std::size_t k, std::string const& dir) {
   };
   if (auto it = followers_.find({k, dir}); it != followers_.end()) retire(it);
   // "dir-x" sorts between dir and what is under it.
-  for (auto it = followers_.lower_bound({k, dir + "/"}); it != followers_.end() && it->first.first == k &&
-                                                          isUnder(it->first.second, dir);) {
+  for (auto it = followers_.lower_bound({k, dir + "/"});
+       it != followers_.end() && it->first.first == k && isUnder(it->first.second, dir);) {
     it = retire(it);
   }
   sweepSoon();

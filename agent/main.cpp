@@ -184,7 +184,9 @@ int main(int argc, char** argv) {
   run->add_option("--trace-file", traceFile, "Record every trace statement in this ring buffer");
   std::string logLevel = "info";
   run->add_option("--log-level", logLevel, "Leave out log lines below this: error, warning, notice or info")
-      ->check([](std::string const& v) { return Agent::logPriorityNamed(v) ? "" : "expected error, warning, notice or info"; })
+      ->check([](std::string const& v) {
+        return Agent::logPriorityNamed(v) ? "" : "expected error, warning, notice or info";
+      })
       ->capture_default_str();
 
   auto* checkCommand =

@@ -5,7 +5,9 @@
 namespace Kel {
 
 ActivityManager::ActivityManager()
-    : loop_(std::make_unique<EventLoop>()), clock_(Clock::ClockIs()), children_(std::make_unique<ChildManager>(*loop_)) {}
+    : loop_(std::make_unique<EventLoop>()),
+      clock_(Clock::ClockIs()),
+      children_(std::make_unique<ChildManager>(*loop_)) {}
 
 // Children go first: their exits are served by the loop.
 ActivityManager::~ActivityManager() { children_.reset(); }

@@ -305,8 +305,7 @@ void ChildManager::kill(ChildSiginfo& child, int signal) {
       launcher_->kill(child, signal);
       break;
     case ChildSiginfo::Phase::ending:
-    case ChildSiginfo::Phase::done:
-      break;
+    case ChildSiginfo::Phase::done: break;
   }
 }
 

@@ -29,14 +29,10 @@ void ChildSiginfo::endedIs(SignalCode code, int exitStatus) {
 
 std::ostream& operator<<(std::ostream& o, ChildSiginfo::SignalCode code) {
   switch (code) {
-    case ChildSiginfo::notEnded:
-      return o << "notEnded";
-    case ChildSiginfo::killed:
-      return o << "killed";
-    case ChildSiginfo::dumped:
-      return o << "dumped";
-    case ChildSiginfo::exited:
-      return o << "exited";
+    case ChildSiginfo::notEnded: return o << "notEnded";
+    case ChildSiginfo::killed: return o << "killed";
+    case ChildSiginfo::dumped: return o << "dumped";
+    case ChildSiginfo::exited: return o << "exited";
   }
   return o << static_cast<int>(code);
 }

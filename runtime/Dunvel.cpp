@@ -52,8 +52,10 @@ void openFromEnvironment() {
     if (auto parsed = parseSize(text)) {
       size = *parsed;
     } else {
-      report("MORLIX_SIZE: \"" + std::string(text) + "\" is not a size in bytes (a number with an optional K, M or G); "
-             "using " + std::to_string(size));
+      report("MORLIX_SIZE: \"" + std::string(text) +
+             "\" is not a size in bytes (a number with an optional K, M or G); "
+             "using " +
+             std::to_string(size));
     }
   }
   try {

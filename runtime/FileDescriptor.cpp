@@ -55,9 +55,9 @@ void FileDescriptor::notifyOnWritableIs(bool v) {
 }
 
 void FileDescriptor::watchUpdate() {
-  unsigned const wanted = descriptor_ < 0 ? 0u
-                                          : (notifyOnReadable_ ? EventLoop::readable : 0u) |
-                                                (notifyOnWritable_ ? EventLoop::writable : 0u);
+  unsigned const wanted =
+      descriptor_ < 0 ? 0u
+                      : (notifyOnReadable_ ? EventLoop::readable : 0u) | (notifyOnWritable_ ? EventLoop::writable : 0u);
   if (wanted == watched_) return;
   if (wanted) {
     activityManager()->loop().sourceIs(descriptor_, this, wanted);

@@ -153,8 +153,8 @@ void (*openChangeHandler)() = nullptr;
 std::string headerProblem(FileHeader const& header, std::uint64_t fileSize) {
   if (memcmp(header.magic, magic, sizeof magic) != 0) return "not a Morlix ring buffer (bad magic)";
   if (header.version != version) {
-    return "unsupported version " + std::to_string(header.version) + " (this reader knows " +
-           std::to_string(version) + ")";
+    return "unsupported version " + std::to_string(header.version) + " (this reader knows " + std::to_string(version) +
+           ")";
   }
   if (header.headerSize != sizeof(FileHeader)) return "bad header size " + std::to_string(header.headerSize);
   if (header.fileSize != fileSize) {
@@ -355,8 +355,7 @@ Snapshot read(std::string const& path) {
     }
     RingCursor cursor(data.data(), capacity, position);
     cursor.get(&header, sizeof header);
-    if (header.position != position ||
-        header.length != sizeof header + header.facilityLength + header.messageLength ||
+    if (header.position != position || header.length != sizeof header + header.facilityLength + header.messageLength ||
         header.length > end - position) {
       // Without a trustworthy length the next record cannot be found.
       ++snapshot.damagedRecords;

@@ -77,8 +77,8 @@ Snapshot read(std::string const& path);
 // The one line format of tracing, on stderr and from the reader:
 // "2026-11-21T23:17:02.123456Z Facility 6 message\n" (UTC). Writes at most
 // capacity bytes, always ending in a newline, and returns how many.
-std::size_t formatLine(char* out, std::size_t capacity, std::int64_t timeNs, std::string_view facility,
-                       int level, std::string_view message);
+std::size_t formatLine(char* out, std::size_t capacity, std::int64_t timeNs, std::string_view facility, int level,
+                       std::string_view message);
 std::string line(Record const& record);
 
 }  // namespace Morlix

@@ -32,8 +32,8 @@ class Nested {
  public:
   Nested() = default;
   template <class A, class... Args>
-    requires(!std::is_same_v<std::remove_cvref_t<A>, Nested>)
-  explicit Nested(A&& a, Args&&... args) : r_(new R(std::forward<A>(a), std::forward<Args>(args)...)) {}
+  requires(!std::is_same_v<std::remove_cvref_t<A>, Nested>) explicit Nested(A&& a, Args&&... args)
+      : r_(new R(std::forward<A>(a), std::forward<Args>(args)...)) {}
   Nested(Nested&& o) noexcept = default;
   Nested& operator=(Nested&& o) noexcept {
     Nested(std::move(o)).swap(*this);

@@ -44,7 +44,9 @@ class Ptr {
   Ptr(Ptr const& o) : p_(o.p_) { retain(); }
   Ptr(Ptr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
   template <class U>
-  Ptr(Ptr<U> const& o) : p_(o.ptr()) { retain(); }
+  Ptr(Ptr<U> const& o) : p_(o.ptr()) {
+    retain();
+  }
   ~Ptr() { release(); }
 
   Ptr& operator=(Ptr const& o) {
@@ -68,7 +70,9 @@ class Ptr {
   void swap(Ptr& o) noexcept { std::swap(p_, o.p_); }
 
   template <class U>
-  bool operator==(Ptr<U> const& o) const { return p_ == o.ptr(); }
+  bool operator==(Ptr<U> const& o) const {
+    return p_ == o.ptr();
+  }
   bool operator==(std::nullptr_t) const { return p_ == nullptr; }
 
  private:
@@ -91,7 +95,9 @@ class ValidPtr : public Ptr<T> {
  public:
   ValidPtr(T* p) : Ptr<T>(p) { check(); }
   template <class U>
-  ValidPtr(Ptr<U> const& o) : Ptr<T>(o) { check(); }
+  ValidPtr(Ptr<U> const& o) : Ptr<T>(o) {
+    check();
+  }
 
  private:
   void check() const {

@@ -218,8 +218,7 @@ TraceStatement::~TraceStatement() {
     // One write per line: lines of processes sharing stderr do not mix.
     // Statements never overlap here, so all can share the line buffer.
     TraceState& state = traceState();
-    std::size_t size =
-        Morlix::formatLine(state.line, sizeof state.line, timeNs, handle_.facility(), level_, message);
+    std::size_t size = Morlix::formatLine(state.line, sizeof state.line, timeNs, handle_.facility(), level_, message);
     writeToStderr(state.line, size);
   }
   Dunvel::record(timeNs, handle_.facility(), level_, message);

@@ -65,19 +65,19 @@ void traceConfigIs(std::string_view config);
 
 }  // namespace Kel
 
-#define KEL_TRACE_FACILITY(name)                \
-  namespace {                                   \
-  Kel::TraceHandle& kelTraceHandle() {          \
-    static Kel::TraceHandle handle(name);       \
-    return handle;                              \
-  }                                             \
+#define KEL_TRACE_FACILITY(name)          \
+  namespace {                             \
+  Kel::TraceHandle& kelTraceHandle() {    \
+    static Kel::TraceHandle handle(name); \
+    return handle;                        \
+  }                                       \
   }
 
-#define KEL_TRACE(level, expr)                                     \
-  do {                                                             \
-    Kel::TraceHandle& kelHandle_ = kelTraceHandle();               \
-    if (kelHandle_.enabled(level)) {                               \
-      Kel::TraceStatement kelStatement_(kelHandle_, (level));      \
-      kelStatement_.stream() << expr;                              \
-    }                                                              \
+#define KEL_TRACE(level, expr)                                \
+  do {                                                        \
+    Kel::TraceHandle& kelHandle_ = kelTraceHandle();          \
+    if (kelHandle_.enabled(level)) {                          \
+      Kel::TraceStatement kelStatement_(kelHandle_, (level)); \
+      kelStatement_.stream() << expr;                         \
+    }                                                         \
   } while (0)

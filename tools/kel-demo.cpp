@@ -24,8 +24,7 @@ class ChildWatch : public Kel::ChildSiginfo::NotifieeConst {
  public:
   void onSignalCode() override {
     std::printf("%.3f s  child %d ended: %s, status %d\n", Kel::now() - started, int(notifier()->pid()),
-                notifier()->signalCode() == Kel::ChildSiginfo::exited ? "exited" : "killed",
-                notifier()->exitStatus());
+                notifier()->signalCode() == Kel::ChildSiginfo::exited ? "exited" : "killed", notifier()->exitStatus());
     done = true;
   }
   bool done = false;

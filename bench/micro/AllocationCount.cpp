@@ -33,8 +33,8 @@ void* allocateAligned(std::size_t size, std::align_val_t alignment) {
 std::uint64_t microBenchAllocations() { return allocations.load(std::memory_order_relaxed); }
 
 void microBenchAllocationsReport(benchmark::State& state, std::uint64_t before) {
-  state.counters["allocs/iter"] = benchmark::Counter(static_cast<double>(microBenchAllocations() - before),
-                                                     benchmark::Counter::kAvgIterations);
+  state.counters["allocs/iter"] =
+      benchmark::Counter(static_cast<double>(microBenchAllocations() - before), benchmark::Counter::kAvgIterations);
 }
 
 void* operator new(std::size_t size) { return allocate(size); }

@@ -132,10 +132,11 @@ void deadHostBench(Options const& options, Report& report) {
   if (firstCopy >= 0) {
     report.figureIs(b, "first run: agent start to the live host's copy", double(firstCopy - started) / 1e9, "s");
   }
-  if (detected >= 0) report.figureIs(b, "agent start to the dead host known down", double(detected - started) / 1e9, "s");
+  if (detected >= 0)
+    report.figureIs(b, "agent start to the dead host known down", double(detected - started) / 1e9, "s");
   report.figureIs(b, "edits not on the live host within " + std::to_string(guardNs / secondNs) + " s", missed, "");
-  report.noteIs(b, std::to_string(taken) + " edits each, alternating, after " + std::to_string(warmUp) +
-                       " of warm-up" + (options.quick ? "" : " once the dead host was known down") +
+  report.noteIs(b, std::to_string(taken) + " edits each, alternating, after " + std::to_string(warmUp) + " of warm-up" +
+                       (options.quick ? "" : " once the dead host was known down") +
                        "; two agents over ssh to the test sshd, one with remoteHosts [127.0.0.2, 127.0.0.1], "
                        "127.0.0.2 taking connections and never answering, one with [127.0.0.1]; an edit not there "
                        "within the guard counts as the guard");

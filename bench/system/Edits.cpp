@@ -92,8 +92,8 @@ std::int64_t ContentWatch::await(std::string const& text, std::int64_t deadlineN
   return last;
 }
 
-double timedEdit(AgentProcess& agent, std::string const& source, std::string const& text,
-                 ContentWatch& destinations, std::int64_t guardNs, std::int64_t quietLimitNs) {
+double timedEdit(AgentProcess& agent, std::string const& source, std::string const& text, ContentWatch& destinations,
+                 std::int64_t guardNs, std::int64_t quietLimitNs) {
   awaitQuiet(agent.pid(), 0.02, monotonicNs() + (quietLimitNs > 0 ? quietLimitNs : guardNs));
   int const fd = open(source.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
   if (fd < 0 || write(fd, text.data(), text.size()) != ssize_t(text.size())) {

@@ -40,8 +40,8 @@ class ContentWatch {
 // ended, or once quietLimitNs (guardNs when 0) has passed. The milliseconds
 // from the writer's close() to text in every destination, or -1 when that
 // takes longer than guardNs.
-double timedEdit(AgentProcess& agent, std::string const& source, std::string const& text,
-                 ContentWatch& destinations, std::int64_t guardNs, std::int64_t quietLimitNs = 0);
+double timedEdit(AgentProcess& agent, std::string const& source, std::string const& text, ContentWatch& destinations,
+                 std::int64_t guardNs, std::int64_t quietLimitNs = 0);
 
 // An agent of one inotify requester of one file, tree/src/LABEL/file.dat,
 // which holds "start\n" at first, and the copies of the file it makes.

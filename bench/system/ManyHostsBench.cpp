@@ -49,8 +49,8 @@ void manyHostsBench(Options const& options, Report& report) {
     list += (list.empty() ? "" : ", ") + host;
     copies.push_back(tree / ("hosts/" + host + "/many/file.dat"));
   }
-  EditedFile many(options, tree, "many", "    remoteHosts: [" + list + "]\n", "/proc/self/cwd/many/file.dat",
-                  copies, ssh->environment());
+  EditedFile many(options, tree, "many", "    remoteHosts: [" + list + "]\n", "/proc/self/cwd/many/file.dat", copies,
+                  ssh->environment());
   EditedFile one(options, tree, "one", "    remoteHosts: [" + hosts[0] + "]\n", "/proc/self/cwd/one/file.dat",
                  {tree / ("hosts/" + hosts[0] + "/one/file.dat")}, ssh->environment());
   for (EditedFile* side : {&many, &one}) {

@@ -169,8 +169,8 @@ void renameSaveBench(Options const& options, Report& report) {
   report.figureIs(b, "  wrong samples", double(wrong), "", Report::check, "0", wrong == 0);
   report.figureIs(b, "  saves during which it was missing", missingSaves, "");
   double const toRightMs = right < 0 ? double(limitNs) / 1e6 : double(right - lastSave) / 1e6;
-  report.figureIs(b, std::string("last save to the right content") + (right < 0 ? " (gave up: more)" : ""),
-                  toRightMs, "ms");
+  report.figureIs(b, std::string("last save to the right content") + (right < 0 ? " (gave up: more)" : ""), toRightMs,
+                  "ms");
   report.figureIs(b, "destination not the last version at the end", right < 0, "", Report::check, "0", right >= 0);
   report.noteIs(b, std::to_string(saves) +
                        " saves of one 4 KiB file, by turns: rename to f~ then write f; rename to f.bak then copy to "

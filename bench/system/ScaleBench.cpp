@@ -186,7 +186,8 @@ void scaleBench(Options const& options, Report& report) {
   report.figureIs(b, "heap left after later teardowns (max)", double(laterResidual) / 1024, "KiB", Report::check,
                   "< 4 KiB", laterResidual < 4096);
   report.noteIs(b, both + " in " + std::to_string(dirs) + " directories; scripted children; best of " +
-                       std::to_string(repeats) + " builds and of as many expiries over busy machines; per-file "
+                       std::to_string(repeats) +
+                       " builds and of as many expiries over busy machines; per-file "
                        "memory includes the interned path name");
 }
 

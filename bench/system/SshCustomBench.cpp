@@ -70,14 +70,15 @@ void sshCustomBench(Options const& options, Report& report) {
   std::string const settings = requester + "    ssh: {port: " + port + ", identityFile: " + ssh->key() + "}\n";
   // An agent from before the ssh settings refuses them...
   std::string const refusal = tree / "check.log";
-  writeFile(tree / "check.yaml", agentConfig("    mode: inotify\n" + settings, {tree / "check.dat"}, {tree / "check.dat"}));
+  writeFile(tree / "check.yaml",
+            agentConfig("    mode: inotify\n" + settings, {tree / "check.dat"}, {tree / "check.dat"}));
   bool const known =
       run({options.filerepProgram, "check", "--config", tree / "check.yaml"}, ssh->environment(), refusal) == 0;
   std::unique_ptr<EditedFile> configured;
   if (known) {
-    configured = std::make_unique<EditedFile>(options, tree, "settings", settings, tree / "dst/settings/file.dat",
-                                              std::vector<std::string>{tree / "dst/settings/file.dat"},
-                                              ssh->environment());
+    configured =
+        std::make_unique<EditedFile>(options, tree, "settings", settings, tree / "dst/settings/file.dat",
+                                     std::vector<std::string>{tree / "dst/settings/file.dat"}, ssh->environment());
   }
   // "ssh" is the wrapper, which adds the configuration without port or key.
   EditedFile rsh(options, tree, "rsh", requester, tree / "dst/rsh/file.dat", {tree / "dst/rsh/file.dat"},

@@ -154,8 +154,8 @@ void expiryBench(Options const& options, Report& report) {
   // rewrites every file, as Replicate does.
   auto const floorDestinations = files.destinationsIs("floor");
   Arrivals floorArrivals(floorDestinations);
-  std::vector<std::string> const floorArgv = {"rsync", "-a", "--ignore-times", "--files-from=" + files.listFile,
-                                              files.root + "/", tree / "floor/"};
+  std::vector<std::string> const floorArgv = {
+      "rsync", "-a", "--ignore-times", "--files-from=" + files.listFile, files.root + "/", tree / "floor/"};
   auto floor = [&] {
     floorArrivals.reset();
     return timedCopy(floorArgv, env, floorArrivals, monotonicNs() + nanoseconds(limit), tree / "floor.log");

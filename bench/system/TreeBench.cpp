@@ -169,8 +169,7 @@ void treeBench(Options const& options, Report& report) {
 
   // What an agent of the same requester over an empty tree holds.
   std::filesystem::create_directories(tree / "empty-src");
-  writeFile(tree / "empty.yaml",
-            agentConfig("    mode: inotify\n", {tree / "empty-src/"}, {tree / "empty-dst/"}));
+  writeFile(tree / "empty.yaml", agentConfig("    mode: inotify\n", {tree / "empty-src/"}, {tree / "empty-dst/"}));
   std::size_t baseResident = 0;
   {
     AgentProcess empty(options.filerepProgram, tree / "empty.yaml", tree / "empty.sock", tree / "empty.log", env);
@@ -255,8 +254,8 @@ void treeBench(Options const& options, Report& report) {
   {
     Arrivals rewritten(destinations);
     std::int64_t const p0 = monotonicNs();
-    AgentProcess periodic(options.filerepProgram, tree / "periodic.yaml", tree / "periodic.sock",
-                          tree / "periodic.log", traced);
+    AgentProcess periodic(options.filerepProgram, tree / "periodic.yaml", tree / "periodic.sock", tree / "periodic.log",
+                          traced);
     if (rewritten.awaitAll(p0 + nanoseconds(limit), [&] { return !periodic.running(); }) < 0) {
       throw std::runtime_error("the periodic agent's first runs did not end:\n" + periodic.logTail());
     }
@@ -317,15 +316,13 @@ void treeBench(Options const& options, Report& report) {
   report.figureIs(b, "destinations wrong or missing", double(wrong), "", Report::check, "0", wrong == 0);
   std::size_t const expected = sources.size() + std::size_t(warmUp + samples);
   double const unsynchronized = double(expected - std::min(expected, status.synchronized));
-  report.figureIs(b, "files not synchronized at the end", unsynchronized, "", Report::check, "0",
-                  unsynchronized == 0);
+  report.figureIs(b, "files not synchronized at the end", unsynchronized, "", Report::check, "0", unsynchronized == 0);
   report.figureIs(b, "  of which failed", double(status.failed), "");
 
   std::string text = std::to_string(sources.size()) + " files in " + std::to_string(dirs) +
                      " directories, one tree entry of an inotify requester with default settings";
   if (!converged) {
-    text += "; gave up after " + std::to_string(int(limit)) + " s with " + std::to_string(arrived) +
-            " files arrived";
+    text += "; gave up after " + std::to_string(int(limit)) + " s with " + std::to_string(arrived) + " files arrived";
   }
   report.noteIs(b, text +
                        "; sync floor: the mean of one rsync -a of the tree just before the agent and one just "

@@ -9,8 +9,8 @@
 #include <iostream>
 #include <map>
 #include <set>
-#include <vector>
 #include <sstream>
+#include <vector>
 
 #include "bench/system/Benches.h"
 #include "bench/system/Measure.h"
@@ -61,20 +61,13 @@ int main(int argc, char** argv) {
   std::set<std::string> only;
   // In the order they run.
   std::vector<std::pair<std::string, std::function<void(SystemBench::Options const&, Report&)>>> const benches = {
-      {"reaction", SystemBench::reactionBench},
-      {"scale", SystemBench::scaleBench},
-      {"storm", SystemBench::stormBench},
-      {"idle", SystemBench::idleBench},
-      {"endurance", SystemBench::enduranceBench},
-      {"sync", SystemBench::syncBench},
-      {"sshsync", SystemBench::sshSyncBench},
-      {"expiry", SystemBench::expiryBench},
-      {"latency", SystemBench::latencyBench},
-      {"rsyncstorm", SystemBench::rsyncStormBench},
-      {"renamesave", SystemBench::renameSaveBench},
-      {"tree", SystemBench::treeBench},
-      {"deadhost", SystemBench::deadHostBench},
-      {"sshcustom", SystemBench::sshCustomBench},
+      {"reaction", SystemBench::reactionBench},     {"scale", SystemBench::scaleBench},
+      {"storm", SystemBench::stormBench},           {"idle", SystemBench::idleBench},
+      {"endurance", SystemBench::enduranceBench},   {"sync", SystemBench::syncBench},
+      {"sshsync", SystemBench::sshSyncBench},       {"expiry", SystemBench::expiryBench},
+      {"latency", SystemBench::latencyBench},       {"rsyncstorm", SystemBench::rsyncStormBench},
+      {"renamesave", SystemBench::renameSaveBench}, {"tree", SystemBench::treeBench},
+      {"deadhost", SystemBench::deadHostBench},     {"sshcustom", SystemBench::sshCustomBench},
       {"manyhosts", SystemBench::manyHostsBench}};
   std::map<std::string, int*> const sizes = {{"--files", &options.files},
                                              {"--tree-files", &options.treeFiles},

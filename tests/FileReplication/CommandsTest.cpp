@@ -7,9 +7,9 @@
 #include <sstream>
 
 #include "FileReplication/FileReplicationUtils.h"
-#include "tests/support/TestFiles.h"
 #include "runtime/ActivityManager.h"
 #include "tests/support/ScriptedChildren.h"
+#include "tests/support/TestFiles.h"
 #include "tests/support/TraceCapture.h"
 
 namespace FileReplication {
@@ -36,8 +36,7 @@ TEST(CommandsTest, ArgumentVectorsKeepEachValueWhole) {
                   "--rsyncOptions", "-a"}),
             children.child(2).argv)
       << "a blank is not an empty hosts string";
-  EXPECT_EQ((Argv{"Replicate", "--cmd", "deleteFile", "--remoteHosts", "h1", "--target", odd}),
-            children.child(3).argv);
+  EXPECT_EQ((Argv{"Replicate", "--cmd", "deleteFile", "--remoteHosts", "h1", "--target", odd}), children.child(3).argv);
   EXPECT_EQ((Argv{"Replicate", "--cmd", "deleteFile", "--target", "/t"}), children.child(4).argv);
 }
 
@@ -83,8 +82,8 @@ TEST(CommandsIntegration, RealChildReceivesTheArgumentVector) {
   setenv("PATH", (d + ":" + oldPath).c_str(), 1);
   auto child = Commands::rsyncFile("", "/s x", "/t;y", "");
   setenv("PATH", oldPath.c_str(), 1);
-  ASSERT_TRUE(Kel::activityManager()->loop().runUntil(
-      [&] { return child->signalCode() != Kel::ChildSiginfo::notEnded; }, 10));
+  ASSERT_TRUE(
+      Kel::activityManager()->loop().runUntil([&] { return child->signalCode() != Kel::ChildSiginfo::notEnded; }, 10));
   EXPECT_EQ(Kel::ChildSiginfo::exited, child->signalCode());
   EXPECT_EQ(0, child->exitStatus());
   EXPECT_EQ("--cmd|rsyncFile|--source|/s x|--target|/t;y|--rsyncOptions||", readFile(d + "/args"));

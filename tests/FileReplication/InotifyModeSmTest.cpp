@@ -370,7 +370,8 @@ TEST_F(InotifyModeSmIntegration, ManyRequestersShareOneInstance) {
     auto rc = RequesterConfig::RequesterConfigIs(Kel::Name("r" + std::to_string(i)), RequesterConfig::inotify);
     rc->newFile(Kel::Name(c()), "/dst/c" + std::to_string(i), "");
     rc->enabledIs(true);
-    many.push_back(InotifyRequesterConfigSm::InotifyRequesterConfigSmIs(rc->name(), rc, RequesterStatus::RequesterStatusIs(rc->name())));
+    many.push_back(InotifyRequesterConfigSm::InotifyRequesterConfigSmIs(
+        rc->name(), rc, RequesterStatus::RequesterStatusIs(rc->name())));
   }
   EXPECT_EQ(1, instances());
   EXPECT_EQ(140u, InotifyWatches::current()->holders(many.back()->dirSm(d2_)->watchId()));

@@ -81,9 +81,12 @@ TEST(InotifyEventTest, ParseErrorsSayWhatIsWrong) {
   std::string const prefix = "Value('FileReplication::InotifyEvent', ** {";
   EXPECT_EQ("premature end of value type InotifyEvent",
             whatOf<Kel::RangeException>([&] { InotifyEvent::strepToValue(prefix + "'watchId': 1 "); }));
-  EXPECT_EQ("premature end of value type InotifyEvent", whatOf<Kel::RangeException>([&] { InotifyEvent::strepToValue(prefix); }));
-  EXPECT_EQ("InotifyEvent has no such attribute: x", whatOf<Kel::RangeException>([&] { InotifyEvent::strepToValue(prefix + "'x': 1})"); }));
-  EXPECT_EQ("Type", whatOf<Kel::RangeException>([&] { InotifyEvent::strepToValue(prefix + "'eventType': 'moved'})"); }));
+  EXPECT_EQ("premature end of value type InotifyEvent",
+            whatOf<Kel::RangeException>([&] { InotifyEvent::strepToValue(prefix); }));
+  EXPECT_EQ("InotifyEvent has no such attribute: x",
+            whatOf<Kel::RangeException>([&] { InotifyEvent::strepToValue(prefix + "'x': 1})"); }));
+  EXPECT_EQ("Type",
+            whatOf<Kel::RangeException>([&] { InotifyEvent::strepToValue(prefix + "'eventType': 'moved'})"); }));
   EXPECT_EQ("junk at column " + std::to_string(defaultText.size()) + " deserializing " + defaultText + "x",
             whatOf<Kel::RangeException>([&] { InotifyEvent::strepToValue(defaultText + "x"); }));
   EXPECT_EQ("expected \" 'FileReplication::InotifyEvent'\", found 'O'",
@@ -371,22 +374,22 @@ class InotifyMonitorIntegration : public testing::Test {
 
 TEST_F(InotifyMonitorIntegration, OneReadQueuesEveryRecordInKernelOrder) {
   Kel::TraceCapture trace("FileReplicationInotify");
-  create(dir_ / "a");                                           // created, modified
-  ASSERT_EQ(0, chmod((dir_ / "a").c_str(), 0600));              // modified
+  create(dir_ / "a");                                                // created, modified
+  ASSERT_EQ(0, chmod((dir_ / "a").c_str(), 0600));                   // modified
   ASSERT_EQ(0, rename((dir_ / "a").c_str(), (dir_ / "b").c_str()));  // deleted a, created b
-  ASSERT_EQ(0, unlink((dir_ / "b").c_str()));                   // deleted
-  ASSERT_EQ(0, mkdir((dir_ / "d").c_str(), 0755));               // created directory
-  ASSERT_EQ(0, rmdir((dir_ / "d").c_str()));                     // deleted directory
+  ASSERT_EQ(0, unlink((dir_ / "b").c_str()));                        // deleted
+  ASSERT_EQ(0, mkdir((dir_ / "d").c_str(), 0755));                   // created directory
+  ASSERT_EQ(0, rmdir((dir_ / "d").c_str()));                         // deleted directory
 
   monitor_->handleEvent();
   std::vector<std::string> const messages = trace.messages();
   EXPECT_EQ(1u, with(messages, "InotifyMonitor::handleEvent").size());
   std::vector<InotifyEvent> const events = takeAll();
   std::vector<InotifyEvent> const wanted = {
-      expected(InotifyEvent::created, "a"),        expected(InotifyEvent::modified, "a"),
-      expected(InotifyEvent::modified, "a"),       expected(InotifyEvent::deleted, "a"),
-      expected(InotifyEvent::created, "b"),        expected(InotifyEvent::deleted, "b"),
-      expected(InotifyEvent::created, "d", true),  expected(InotifyEvent::deleted, "d", true),
+      expected(InotifyEvent::created, "a"),       expected(InotifyEvent::modified, "a"),
+      expected(InotifyEvent::modified, "a"),      expected(InotifyEvent::deleted, "a"),
+      expected(InotifyEvent::created, "b"),       expected(InotifyEvent::deleted, "b"),
+      expected(InotifyEvent::created, "d", true), expected(InotifyEvent::deleted, "d", true),
   };
   EXPECT_EQ(wanted, events);
   EXPECT_EQ(range(0, 8), std::vector<std::uint32_t>(recorder_->indices.begin(), recorder_->indices.begin() + 8));

@@ -36,8 +36,8 @@ TEST(ReplicateBatcherTest, FilesShareARunOnlyWhenTheirPathsSplitAlikeAndNothingC
   auto const& batcher = ReplicateBatcher::instance();
   auto const key = [&](Argv const& argv) { return batcher.batchKey(argv); };
 
-  auto const carrier = carrierOf(copyArgv("/srv/a/x.conf", "/backup/a/x.conf"),
-                                 copyArgv("/srv/b/-y\n'$;", "/backup/b/-y\n'$;"));
+  auto const carrier =
+      carrierOf(copyArgv("/srv/a/x.conf", "/backup/a/x.conf"), copyArgv("/srv/b/-y\n'$;", "/backup/b/-y\n'$;"));
   EXPECT_EQ((Argv{"Replicate", "--cmd", "rsyncFiles", "--remoteHosts", "h1", "--source", "/srv", "--target", "/backup",
                   "--rsyncOptions", "-a"}),
             carrier.argv);
@@ -46,8 +46,8 @@ TEST(ReplicateBatcherTest, FilesShareARunOnlyWhenTheirPathsSplitAlikeAndNothingC
   EXPECT_EQ((Argv{"Replicate", "--cmd", "rsyncFiles", "--source", "/", "--target", "/", "--rsyncOptions", "-az"}),
             local.argv);
   EXPECT_EQ(std::string("etc/x\0etc/y/z\0", 14), local.input);
-  auto const ssh = carrierOf(copyArgv("/s/x", "/d/x", "-a", "h1", "-p 2222"),
-                             copyArgv("/s/y", "/d/y", "-a", "h1", "-p 2222"));
+  auto const ssh =
+      carrierOf(copyArgv("/s/x", "/d/x", "-a", "h1", "-p 2222"), copyArgv("/s/y", "/d/y", "-a", "h1", "-p 2222"));
   EXPECT_EQ((Argv{"Replicate", "--cmd", "rsyncFiles", "--remoteHosts", "h1", "--sshOptions", "-p 2222", "--source",
                   "/s", "--target", "/d", "--rsyncOptions", "-a"}),
             ssh.argv);
@@ -63,11 +63,11 @@ TEST(ReplicateBatcherTest, FilesShareARunOnlyWhenTheirPathsSplitAlikeAndNothingC
     EXPECT_NE(shared, key(apart)) << apart[5];
   }
   EXPECT_NE(sharedSsh, key(copyArgv("/srv/a/x", "/backup/a/x", "-a", "h1", "-p 2223")));
-  for (auto const& alone : {copyArgv("/srv/x", "/backup/y"), copyArgv("/srv/x", "x"), copyArgv("/srv/x", "/srv/x/"),
-                            copyArgv("/srv/./x", "/b/./x"), copyArgv("/srv/../x", "/b/../x"),
-                            copyArgv("/s/x", "/d/x", "-a --no-relative"), copyArgv("/s/x", "/d/x", "-av0"),
-                            copyArgv("/s/x", "/d/x", "--files-from=/l"), copyArgv("/s/x", "/d/x", "'--from0'"),
-                            Argv{"Replicate", "--cmd", "deleteFile", "--target", "/d/x"}}) {
+  for (auto const& alone :
+       {copyArgv("/srv/x", "/backup/y"), copyArgv("/srv/x", "x"), copyArgv("/srv/x", "/srv/x/"),
+        copyArgv("/srv/./x", "/b/./x"), copyArgv("/srv/../x", "/b/../x"), copyArgv("/s/x", "/d/x", "-a --no-relative"),
+        copyArgv("/s/x", "/d/x", "-av0"), copyArgv("/s/x", "/d/x", "--files-from=/l"),
+        copyArgv("/s/x", "/d/x", "'--from0'"), Argv{"Replicate", "--cmd", "deleteFile", "--target", "/d/x"}}) {
     EXPECT_EQ("", key(alone)) << alone.back();
   }
 }

@@ -35,8 +35,8 @@ class ReplicationSmTest : public SmTest {
     return *sm_;
   }
   Argv copyArgv() const {
-    return {"Replicate", "--cmd", "rsyncFile", "--remoteHosts", "h1", "--source", source_, "--target", "/dst/file",
-            "--rsyncOptions", "-a"};
+    return {"Replicate", "--cmd",    "rsyncFile", "--remoteHosts",  "h1", "--source",
+            source_,     "--target", "/dst/file", "--rsyncOptions", "-a"};
   }
   void end(std::size_t child, int status) {
     children_.endExited(children_.child(child).siginfo, status);
@@ -245,9 +245,9 @@ TEST_F(ReplicationSmTest, LocalCopyOntoItselfIsNeverRunUntilAHostAppears) {
 TEST_F(ReplicationSmTest, LocalCopyAndDeletionOfAMissingSourceLeaveOutTheHosts) {
   rc_->remoteHostDelAll();
   auto& sm = make();
-  EXPECT_EQ((Argv{"Replicate", "--cmd", "rsyncFile", "--source", source_, "--target", "/dst/file",
-                  "--rsyncOptions", "-a"}),
-            children_.child(0).argv);
+  EXPECT_EQ(
+      (Argv{"Replicate", "--cmd", "rsyncFile", "--source", source_, "--target", "/dst/file", "--rsyncOptions", "-a"}),
+      children_.child(0).argv);
   end(0, 0);
   // A rename-based save: the name is missing for a moment, and the copy is
   // not deleted meanwhile.

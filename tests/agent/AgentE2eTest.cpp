@@ -100,8 +100,9 @@ TEST(AgentE2e, ReplicatesEditsDeletionsAndReloads) {
 
   // An invalid file changes nothing; the agent says why and runs on.
   replaceFile(d / "filerep.yaml", "requesters:\n  web:\n    mode: sideways\n");
-  EXPECT_TRUE(eventually([&] { return agent.log().find("mode") != std::string::npos &&
-                                      agent.log().find("not valid") != std::string::npos; }));
+  EXPECT_TRUE(eventually([&] {
+    return agent.log().find("mode") != std::string::npos && agent.log().find("not valid") != std::string::npos;
+  }));
   EXPECT_EQ("standby", stateOf(agent, d, "c.txt"));
 
   // Disabled through SIGHUP: edits are no longer copied; enabled again,
@@ -188,24 +189,29 @@ TEST(AgentE2e, ManyFilesShareFewRunsAndAFailedCopyFailsOnlyItsFile) {
   std::filesystem::create_directories(d / "dst/" + broken + "/in-the-way");
   std::string const port = std::to_string(freePort());
   std::string text = "maxConcurrentReplications: 2\nmetrics: {textfile: " + (d / "metrics.prom") +
-                     ", listen: \"127.0.0.1:" + port + "\"}\nrequesters:\n  web:\n    mode: inotify\n    retryInterval: 600\n    syncErrorThreshold: 1\n"
+                     ", listen: \"127.0.0.1:" + port +
+                     "\"}\nrequesters:\n  web:\n    mode: inotify\n    retryInterval: 600\n    syncErrorThreshold: 1\n"
                      "    files:\n";
-  for (auto const& name : names) text += "      - {path: " + (d / "src/" + name) + ", dstPath: " + (d / "dst/" + name) + "}\n";
+  for (auto const& name : names)
+    text += "      - {path: " + (d / "src/" + name) + ", dstPath: " + (d / "dst/" + name) + "}\n";
   writeFile(d / "filerep.yaml", text);
   AgentProcess agent(d / "filerep.yaml", d / "filerep.sock",
                      {"PATH=" + d.path() + "/bin:" + std::string(getenv("PATH"))});
   ASSERT_TRUE(agent.ready()) << agent.log();
 
   std::map<std::string, int> counts;
-  ASSERT_TRUE(eventually([&] {
-    counts.clear();
-    auto const status = agent.status();
-    for (auto const& name : names) {
-      auto const file = fileStatus(status, "web", d / "src/" + name);
-      ++counts[file.is_object() && file["status"].is_string() ? file["status"].get<std::string>() : "none"];
-    }
-    return counts["synchronized"] + counts["failed"] == int(names.size());
-  }, 120)) << agent.log();
+  ASSERT_TRUE(eventually(
+      [&] {
+        counts.clear();
+        auto const status = agent.status();
+        for (auto const& name : names) {
+          auto const file = fileStatus(status, "web", d / "src/" + name);
+          ++counts[file.is_object() && file["status"].is_string() ? file["status"].get<std::string>() : "none"];
+        }
+        return counts["synchronized"] + counts["failed"] == int(names.size());
+      },
+      120))
+      << agent.log();
   EXPECT_EQ(1, counts["failed"]);
   EXPECT_EQ("failed", fileStatus(agent.status(), "web", d / "src/" + broken)["status"]);
   for (auto const& name : names) {
@@ -237,8 +243,9 @@ TEST(AgentE2e, ManyFilesShareFewRunsAndAFailedCopyFailsOnlyItsFile) {
   EXPECT_GE(sample("filerep_inotify_watches"), 20);
   EXPECT_GT(sample("filerep_last_success_timestamp_seconds{requester=\"web\"}"), 0);
   // As a scraper gets them.
-  auto const scraped = runCommand({"bash", "-c", "exec 3<>/dev/tcp/127.0.0.1/" + port +
-                                                     " && printf 'GET /metrics HTTP/1.0\\r\\n\\r\\n' >&3 && cat <&3"});
+  auto const scraped = runCommand(
+      {"bash", "-c",
+       "exec 3<>/dev/tcp/127.0.0.1/" + port + " && printf 'GET /metrics HTTP/1.0\\r\\n\\r\\n' >&3 && cat <&3"});
   EXPECT_TRUE(scraped.out.starts_with("HTTP/1.1 200 OK\r\n")) << scraped.out << scraped.err;
   EXPECT_NE(std::string::npos, scraped.out.find("\nfilerep_files_alerting{requester=\"web\"} 1\n")) << scraped.out;
   EXPECT_TRUE(std::filesystem::exists(d / "metrics.prom")) << "written soon after the start";
@@ -278,8 +285,8 @@ TEST(AgentE2e, CommandLineErrorsAreClearAndExitNonZero) {
   auto noFile = runCommand({FILEREP_PROGRAM, "replicate", "web", d / "src/zzz", "--socket", d / "filerep.sock"});
   EXPECT_EQ(1, noFile.status);
   EXPECT_EQ(0, runCommand({FILEREP_PROGRAM, "replicate", "web", "--socket", d / "filerep.sock"}).status);
-  EXPECT_EQ(0, runCommand({FILEREP_PROGRAM, "replicate", "web", d / "src/a.txt", "--socket", d / "filerep.sock"})
-                   .status);
+  EXPECT_EQ(0,
+            runCommand({FILEREP_PROGRAM, "replicate", "web", d / "src/a.txt", "--socket", d / "filerep.sock"}).status);
   auto table = runCommand({FILEREP_PROGRAM, "status", "--socket", d / "filerep.sock"});
   EXPECT_EQ(0, table.status);
   EXPECT_NE(std::string::npos, table.out.find(d / "src/a.txt")) << table.out;

@@ -39,8 +39,8 @@ bool eventually(std::function<bool()> const& cond, double seconds) {
 AgentProcess::AgentProcess(std::string const& config, std::string socket, std::vector<std::string> const& env)
     : socket_(std::move(socket)), logPath_(socket_ + ".log") {
   int log = open(logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  pid_ = spawnProcess({FILEREP_PROGRAM, "run", "--config", config, "--socket", socket_}, withReplicate(env), "", log,
-                      log);
+  pid_ =
+      spawnProcess({FILEREP_PROGRAM, "run", "--config", config, "--socket", socket_}, withReplicate(env), "", log, log);
   close(log);
 }
 
@@ -50,12 +50,13 @@ AgentProcess::~AgentProcess() {
 
 bool AgentProcess::ready() {
   return eventually([&] {
-    if (pid_ <= 0 || waitpid(pid_, nullptr, WNOHANG) == pid_) {
-      pid_ = -1;
-      return true;
-    }
-    return !status().is_null();
-  }) && pid_ > 0;
+           if (pid_ <= 0 || waitpid(pid_, nullptr, WNOHANG) == pid_) {
+             pid_ = -1;
+             return true;
+           }
+           return !status().is_null();
+         }) &&
+         pid_ > 0;
 }
 
 nlohmann::json AgentProcess::status() {

@@ -18,7 +18,7 @@ namespace {
 struct Requester {
   std::string name;
   std::string mode;
-  std::string hosts;  // the YAML list's items
+  std::string hosts;                                       // the YAML list's items
   std::vector<std::pair<std::string, std::string>> files;  // path, dstPath
 };
 
@@ -86,8 +86,8 @@ class BlackHole {
   int fd_;
 };
 
-bool fileIs(AgentProcess const& agent, std::string const& requester, std::string const& path,
-            std::string const& status, std::string const& state) {
+bool fileIs(AgentProcess const& agent, std::string const& requester, std::string const& path, std::string const& status,
+            std::string const& state) {
   nlohmann::json const file = fileStatus(statusOf(agent), requester, path);
   return file.is_object() && file["status"] == status && file["state"] == state;
 }
@@ -109,8 +109,7 @@ TEST(AgentSshE2e, ReplicatesOverSshAndToAHostAddedAtRunTime) {
   EXPECT_EQ("a over ssh", readFile(d / "remote/a"));
   EXPECT_NE(std::string::npos, sshd.log().find("Accepted publickey")) << "the copy went through sshd";
   // Without hosts the copy is local; removing it lets the host's copy show.
-  ASSERT_TRUE(eventually([&] { return fileIs(agent, "late", d / "src/b", "synchronized", "standby"); }))
-      << agent.log();
+  ASSERT_TRUE(eventually([&] { return fileIs(agent, "late", d / "src/b", "synchronized", "standby"); })) << agent.log();
   EXPECT_EQ("b everywhere", readFile(d / "copies/b"));
   std::filesystem::remove(d / "copies/b");
 

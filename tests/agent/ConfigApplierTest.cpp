@@ -278,8 +278,7 @@ class ConfigApplierIntegration : public FileReplication::SmTest {
       auto const options = std::find(argv.begin(), argv.end(), "--rsyncOptions");
       auto const ssh = std::find(argv.begin(), argv.end(), "--sshOptions");
       if (source == argv.end() || options == argv.end()) continue;
-      seen.push_back(source[1].substr(dir_.path().size()) + " " + options[1] +
-                     (ssh == argv.end() ? "" : " " + ssh[1]));
+      seen.push_back(source[1].substr(dir_.path().size()) + " " + options[1] + (ssh == argv.end() ? "" : " " + ssh[1]));
     }
     return seen;
   }

@@ -1,9 +1,8 @@
 #include "agent/ConfigFile.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -47,7 +46,7 @@ requesters:
     remoteHosts:
     files:
 )",
-                                     "agent.yaml");
+                                      "agent.yaml");
   ASSERT_TRUE(parsed.ok()) << parsed.errors.front();
 
   AgentConfig expected;
@@ -127,62 +126,64 @@ requesters:
     maxFilesPerRun: 0
 metrics: {listen: "localhost:9100", textfile: metrics.prom}
 )",
-                                     "bad.yaml");
-  EXPECT_EQ((Lines{
-                "bad.yaml:1:28: maxConcurrentReplications is \"-1\"; expected a whole number >= 0 (0 for no limit)",
-                "bad.yaml:2:1: unknown key \"colour\"; expected one of maxConcurrentReplications, ssh, metrics, requesters",
-                "bad.yaml:5:11: mode is \"poll\"; expected periodic or inotify",
-                "bad.yaml:6:14: enabled is \"maybe\"; expected true or false",
-                "bad.yaml:7:13: period is \"abc\"; expected a number of seconds",
-                "bad.yaml:8:25: replicationTimeout is \"0\"; expected a number of seconds > 0",
-                "bad.yaml:9:20: retryInterval is \"-1\"; expected a number of seconds >= 0",
-                "bad.yaml:10:25: syncErrorThreshold is \"1.5\"; expected a whole number >= 0",
-                "bad.yaml:11:33: remoteHostReplicationDelay is \"inf\"; expected a finite number of seconds",
-                "bad.yaml:12:25: invalid host \"-oProxyCommand=x\": a host name cannot start with '-'; " + anyHost,
-                "bad.yaml:12:43: remote host \"good\" is listed twice (first at line 12); expected each host once",
-                "bad.yaml:13:5: unknown key \"perod\" in requester \"web\"; expected one of mode, enabled, "
-                "remoteHosts, ssh, period, replicationTimeout, retryInterval, syncErrorThreshold, "
-                "remoteHostReplicationDelay, maxFilesPerRun, deleteDelay, files",
-                "bad.yaml:15:15: path is \"relative/file\"; expected an absolute file path",
-                "bad.yaml:17:18: dstPath is \"dst\"; expected an absolute file path",
-                "bad.yaml:18:9: unknown key \"rsync\" in a file; expected one of path, dstPath, rsyncOptions, exclude",
-                "bad.yaml:19:9: a file has no path; expected path: /absolute/file",
-                "bad.yaml:20:15: file \"/srv/a\" is listed twice in requester \"web\" (first at line 16); "
-                "expected each file once",
-                "bad.yaml:21:15: path is \"/srv/./b\"; expected an absolute file path without empty, \".\" or \"..\" "
-                "parts",
-                "bad.yaml:22:9: a file is \"/srv/c\"; expected a mapping with path, and optionally dstPath and "
-                "rsyncOptions",
-                "bad.yaml:23:3: requester name \"bad name\" is not allowed; expected one or more letters, digits, '.', "
-                "'_' or '-'",
-                "bad.yaml:26:5: key \"period\" is given twice (first at line 25); expected each key once",
-                "bad.yaml:27:3: requester \"empty\" is empty; expected a mapping with at least mode",
-                "bad.yaml:28:3: requester \"nomode\" has no mode; expected mode: periodic or inotify",
-                "bad.yaml:32:13: period is \"-0.5\"; expected a number of seconds >= 1",
-                "bad.yaml:33:20: retryInterval is \"nan\"; expected a finite number of seconds",
-                "bad.yaml:34:25: syncErrorThreshold is \"-1\"; expected a whole number >= 0",
-                "bad.yaml:35:18: remoteHosts is \"one,two\"; expected a list of host names, like [host1, host2]",
-                "bad.yaml:36:12: files is \"/srv/file\"; expected a list of files, each a mapping with path",
-                "bad.yaml:37:21: maxFilesPerRun is \"0\"; expected a whole number >= 1",
-                "bad.yaml:38:19: listen \"localhost:9100\": \"localhost\" is not an IPv4 address (an IPv6 one goes in "
-                "brackets); expected an address and port, like 127.0.0.1:9464 or [::1]:9464",
-                "bad.yaml:38:47: textfile is \"metrics.prom\"; expected an absolute file path",
-            }),
-            parsed.errors);
+                                      "bad.yaml");
+  EXPECT_EQ(
+      (Lines{
+          "bad.yaml:1:28: maxConcurrentReplications is \"-1\"; expected a whole number >= 0 (0 for no limit)",
+          "bad.yaml:2:1: unknown key \"colour\"; expected one of maxConcurrentReplications, ssh, metrics, requesters",
+          "bad.yaml:5:11: mode is \"poll\"; expected periodic or inotify",
+          "bad.yaml:6:14: enabled is \"maybe\"; expected true or false",
+          "bad.yaml:7:13: period is \"abc\"; expected a number of seconds",
+          "bad.yaml:8:25: replicationTimeout is \"0\"; expected a number of seconds > 0",
+          "bad.yaml:9:20: retryInterval is \"-1\"; expected a number of seconds >= 0",
+          "bad.yaml:10:25: syncErrorThreshold is \"1.5\"; expected a whole number >= 0",
+          "bad.yaml:11:33: remoteHostReplicationDelay is \"inf\"; expected a finite number of seconds",
+          "bad.yaml:12:25: invalid host \"-oProxyCommand=x\": a host name cannot start with '-'; " + anyHost,
+          "bad.yaml:12:43: remote host \"good\" is listed twice (first at line 12); expected each host once",
+          "bad.yaml:13:5: unknown key \"perod\" in requester \"web\"; expected one of mode, enabled, "
+          "remoteHosts, ssh, period, replicationTimeout, retryInterval, syncErrorThreshold, "
+          "remoteHostReplicationDelay, maxFilesPerRun, deleteDelay, files",
+          "bad.yaml:15:15: path is \"relative/file\"; expected an absolute file path",
+          "bad.yaml:17:18: dstPath is \"dst\"; expected an absolute file path",
+          "bad.yaml:18:9: unknown key \"rsync\" in a file; expected one of path, dstPath, rsyncOptions, exclude",
+          "bad.yaml:19:9: a file has no path; expected path: /absolute/file",
+          "bad.yaml:20:15: file \"/srv/a\" is listed twice in requester \"web\" (first at line 16); "
+          "expected each file once",
+          "bad.yaml:21:15: path is \"/srv/./b\"; expected an absolute file path without empty, \".\" or \"..\" "
+          "parts",
+          "bad.yaml:22:9: a file is \"/srv/c\"; expected a mapping with path, and optionally dstPath and "
+          "rsyncOptions",
+          "bad.yaml:23:3: requester name \"bad name\" is not allowed; expected one or more letters, digits, '.', "
+          "'_' or '-'",
+          "bad.yaml:26:5: key \"period\" is given twice (first at line 25); expected each key once",
+          "bad.yaml:27:3: requester \"empty\" is empty; expected a mapping with at least mode",
+          "bad.yaml:28:3: requester \"nomode\" has no mode; expected mode: periodic or inotify",
+          "bad.yaml:32:13: period is \"-0.5\"; expected a number of seconds >= 1",
+          "bad.yaml:33:20: retryInterval is \"nan\"; expected a finite number of seconds",
+          "bad.yaml:34:25: syncErrorThreshold is \"-1\"; expected a whole number >= 0",
+          "bad.yaml:35:18: remoteHosts is \"one,two\"; expected a list of host names, like [host1, host2]",
+          "bad.yaml:36:12: files is \"/srv/file\"; expected a list of files, each a mapping with path",
+          "bad.yaml:37:21: maxFilesPerRun is \"0\"; expected a whole number >= 1",
+          "bad.yaml:38:19: listen \"localhost:9100\": \"localhost\" is not an IPv4 address (an IPv6 one goes in "
+          "brackets); expected an address and port, like 127.0.0.1:9464 or [::1]:9464",
+          "bad.yaml:38:47: textfile is \"metrics.prom\"; expected an absolute file path",
+      }),
+      parsed.errors);
   EXPECT_EQ(AgentConfig(), parsed.config) << "nothing of an invalid file is offered for use";
 }
 
 // Each would fail every run, or be ignored without a word.
 TEST(ConfigFileTest, RefusesRsyncOptionsThatCannotWork) {
-  auto const parsed = parseConfigText("requesters:\n"
-                                      "  a:\n"
-                                      "    mode: periodic\n"
-                                      "    files:\n"
-                                      "      - {path: /srv/a, rsyncOptions: \"-a '--partial\"}\n"
-                                      "      - {path: /srv/b, rsyncOptions: \"-avze ssh\"}\n"
-                                      "      - {path: /srv/c, rsyncOptions: \"-a --rsh=ssh\"}\n"
-                                      "      - {path: /srv/d, rsyncOptions: \"-a --exclude=x\"}\n",
-                                      "f.yaml");
+  auto const parsed = parseConfigText(
+      "requesters:\n"
+      "  a:\n"
+      "    mode: periodic\n"
+      "    files:\n"
+      "      - {path: /srv/a, rsyncOptions: \"-a '--partial\"}\n"
+      "      - {path: /srv/b, rsyncOptions: \"-avze ssh\"}\n"
+      "      - {path: /srv/c, rsyncOptions: \"-a --rsh=ssh\"}\n"
+      "      - {path: /srv/d, rsyncOptions: \"-a --exclude=x\"}\n",
+      "f.yaml");
   std::string const useSsh = "; expected ssh settings under ssh: (port, user, identityFile, options)";
   EXPECT_EQ((Lines{"f.yaml:5:38: rsyncOptions \"-a '--partial\" cannot be split into words: unterminated single quote; "
                    "expected options as a shell would split them, like \"-a --partial\"",
@@ -192,11 +193,12 @@ TEST(ConfigFileTest, RefusesRsyncOptionsThatCannotWork) {
 }
 
 TEST(ConfigFileTest, ReadsDeleteDelay) {
-  auto const parsed = parseConfigText("requesters:\n"
-                                      "  a: {mode: periodic, deleteDelay: 0}\n"
-                                      "  b: {mode: periodic, deleteDelay: 1.5}\n"
-                                      "  c: {mode: periodic}\n",
-                                      "f.yaml");
+  auto const parsed = parseConfigText(
+      "requesters:\n"
+      "  a: {mode: periodic, deleteDelay: 0}\n"
+      "  b: {mode: periodic, deleteDelay: 1.5}\n"
+      "  c: {mode: periodic}\n",
+      "f.yaml");
   ASSERT_TRUE(parsed.ok()) << parsed.errors.front();
   EXPECT_EQ(0, parsed.config.requesters.at(0).deleteDelay);
   EXPECT_EQ(1.5, parsed.config.requesters.at(1).deleteDelay);
@@ -233,7 +235,7 @@ ssh:
   identityFile: /nonexistent-filerep-dir/id_ed25519
   options: ["StrictHostKeyChecking=accept-new"]
 )",
-                                     "f.yaml");
+                                      "f.yaml");
   ASSERT_TRUE(parsed.ok()) << parsed.errors.front();
   auto const& r = parsed.config.requesters;
   ASSERT_EQ(3u, r.size());
@@ -300,8 +302,9 @@ TEST(ConfigFileTest, RefusesWhatReplicateWouldWithAHintForTheCommonMistakes) {
       {"[2001:db8::1]:22", "not an IPv6 address; a port belongs in ssh: {port: 22}"},
       {"backup:/srv", "not an IPv6 address; " + path},
       {"dir/host", "unexpected character in host name; " + path},
-      {"[host]", "brackets hold no IPv6 address; brackets are only for IPv6 addresses; write a host name without "
-                 "them"},
+      {"[host]",
+       "brackets hold no IPv6 address; brackets are only for IPv6 addresses; write a host name without "
+       "them"},
       {"u:p@h", "bad user name; a password cannot be given; log in with a key, ssh: {identityFile: /path/to/key}"},
       {"ssh://h", "not an IPv6 address; a host is written alone, not as a URL; " + anyHost},
       {"h1,h2", "unexpected character in host name; list each host as its own item: [host1, host2]"},
@@ -310,9 +313,8 @@ TEST(ConfigFileTest, RefusesWhatReplicateWouldWithAHintForTheCommonMistakes) {
       {"", "no host name; " + anyHost},
   };
   for (auto const& c : cases) {
-    auto const parsed = parseConfigText(std::string("requesters: {a: {mode: periodic, remoteHosts: [\"") + c.host +
-                                            "\"]}}\n",
-                                        "f.yaml");
+    auto const parsed = parseConfigText(
+        std::string("requesters: {a: {mode: periodic, remoteHosts: [\"") + c.host + "\"]}}\n", "f.yaml");
     if (c.error.empty()) {
       EXPECT_EQ(Lines{}, parsed.errors) << c.host;
     } else {
@@ -356,28 +358,42 @@ TEST_F(ConfigFileIntegration, WarnsOfMissingDirectoriesAndFilesCopiedOntoThemsel
   std::filesystem::create_directory_symlink("watched", dir_ + "/link");
   write("watched/a", "");
   write("plain", "");
-  std::string const path = write("agent.yaml", "requesters:\n"
-                                               "  live:\n"
-                                               "    mode: inotify\n"
-                                               "    remoteHosts: [h]\n"
-                                               "    files:\n"
-                                               "      - path: " + dir_ + "/watched/a\n"
-                                               "      - path: " + dir_ + "/missing/b\n"
-                                               "      - path: " + dir_ + "/plain/c\n"
-                                               "  dormant:\n"
-                                               "    mode: inotify\n"
-                                               "    enabled: false\n"
-                                               "    remoteHosts: [h]\n"
-                                               "    files:\n"
-                                               "      - path: /nonexistent-filerep-dir/d\n"
-                                               "  local:\n"
-                                               "    mode: periodic\n"
-                                               "    files:\n"
-                                               "      - path: /nonexistent-filerep-dir/e\n"
-                                               "      - path: " + dir_ + "/watched/a\n"
-                                               "        dstPath: " + dir_ + "/link/./a\n"
-                                               "      - path: " + dir_ + "/watched/b\n"
-                                               "        dstPath: " + dir_ + "/watched/c\n");
+  std::string const path = write("agent.yaml",
+                                 "requesters:\n"
+                                 "  live:\n"
+                                 "    mode: inotify\n"
+                                 "    remoteHosts: [h]\n"
+                                 "    files:\n"
+                                 "      - path: " +
+                                     dir_ +
+                                     "/watched/a\n"
+                                     "      - path: " +
+                                     dir_ +
+                                     "/missing/b\n"
+                                     "      - path: " +
+                                     dir_ +
+                                     "/plain/c\n"
+                                     "  dormant:\n"
+                                     "    mode: inotify\n"
+                                     "    enabled: false\n"
+                                     "    remoteHosts: [h]\n"
+                                     "    files:\n"
+                                     "      - path: /nonexistent-filerep-dir/d\n"
+                                     "  local:\n"
+                                     "    mode: periodic\n"
+                                     "    files:\n"
+                                     "      - path: /nonexistent-filerep-dir/e\n"
+                                     "      - path: " +
+                                     dir_ +
+                                     "/watched/a\n"
+                                     "        dstPath: " +
+                                     dir_ +
+                                     "/link/./a\n"
+                                     "      - path: " +
+                                     dir_ +
+                                     "/watched/b\n"
+                                     "        dstPath: " +
+                                     dir_ + "/watched/c\n");
   auto const parsed = parseConfigFile(path);
   ASSERT_TRUE(parsed.ok()) << parsed.errors.front();
   EXPECT_EQ(RequesterConfig::inotify, parsed.config.requesters.at(0).mode);
@@ -388,19 +404,21 @@ TEST_F(ConfigFileIntegration, WarnsOfMissingDirectoriesAndFilesCopiedOntoThemsel
   auto const deletes = [](std::string const& file, std::string const& dst) {
     return "path \"" + file + "\" does not exist; the first run deletes its copies (dstPath \"" + dst + "\")";
   };
-  EXPECT_EQ((Lines{path + ":7:15: " + deletes(dir_ + "/missing/b", dir_ + "/missing/b"),
-                   path + ":7:15: the directory \"" + dir_ + "/missing\" does not exist (No such file or directory)" +
-                       appears,
-                   path + ":8:15: " + deletes(dir_ + "/plain/c", dir_ + "/plain/c"),
-                   path + ":8:15: the directory \"" + dir_ + "/plain\" does not exist (Not a directory)" + appears,
-                   path + ":14:15: " + deletes("/nonexistent-filerep-dir/d", "/nonexistent-filerep-dir/d"),
-                   path + ":14:15: the directory \"/nonexistent-filerep-dir\" does not exist (No such file or "
-                          "directory)" + appears,
-                   path + ":18:15: dstPath \"/nonexistent-filerep-dir/e\" of file \"/nonexistent-filerep-dir/e\"" +
-                       never,
-                   path + ":19:15: dstPath \"" + dir_ + "/link/./a\" of file \"" + dir_ + "/watched/a\"" + never,
-                   path + ":21:15: " + deletes(dir_ + "/watched/b", dir_ + "/watched/c")}),
-            parsed.warnings);
+  EXPECT_EQ(
+      (Lines{
+          path + ":7:15: " + deletes(dir_ + "/missing/b", dir_ + "/missing/b"),
+          path + ":7:15: the directory \"" + dir_ + "/missing\" does not exist (No such file or directory)" + appears,
+          path + ":8:15: " + deletes(dir_ + "/plain/c", dir_ + "/plain/c"),
+          path + ":8:15: the directory \"" + dir_ + "/plain\" does not exist (Not a directory)" + appears,
+          path + ":14:15: " + deletes("/nonexistent-filerep-dir/d", "/nonexistent-filerep-dir/d"),
+          path +
+              ":14:15: the directory \"/nonexistent-filerep-dir\" does not exist (No such file or "
+              "directory)" +
+              appears,
+          path + ":18:15: dstPath \"/nonexistent-filerep-dir/e\" of file \"/nonexistent-filerep-dir/e\"" + never,
+          path + ":19:15: dstPath \"" + dir_ + "/link/./a\" of file \"" + dir_ + "/watched/a\"" + never,
+          path + ":21:15: " + deletes(dir_ + "/watched/b", dir_ + "/watched/c")}),
+      parsed.warnings);
 }
 
 TEST_F(ConfigFileIntegration, ReportsAFileThatCannotBeRead) {

@@ -1,6 +1,6 @@
 #include <errno.h>
-#include <stdlib.h>
 #include <poll.h>
+#include <stdlib.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -29,9 +29,9 @@
 #include "agent/ControlOperations.h"
 #include "agent/ControlServer.h"
 #include "agent/SocketPath.h"
-#include "tests/agent/AgentProcess.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/FileDescriptor.h"
+#include "tests/agent/AgentProcess.h"
 #include "tests/support/TestFiles.h"
 #include "tests/support/TestProcess.h"
 #include "tests/support/WhatOf.h"
@@ -287,7 +287,12 @@ TEST_F(ControlIntegration, SilentAndStuckClientsAreDroppedAndWaitingOnesServedTh
   std::size_t const most = Agent::ControlServer::maxConnections;
 
   std::string const filler(4 << 20, 'x');
-  Agent::ControlServer server(path_, [&](json const&) -> json { return {{"filler", filler}}; }, 5);
+  Agent::ControlServer server(
+      path_,
+      [&](json const&) -> json {
+        return {{"filler", filler}};
+      },
+      5);
   int const silent = connectedSocket(path_);
   int const partial = connectedSocket(path_);
   sendAll(partial, "{\"comm");
@@ -327,10 +332,14 @@ TEST_F(ControlIntegration, SilentAndStuckClientsAreDroppedAndWaitingOnesServedTh
 
 TEST_F(ControlIntegration, ClientSaysWhatWentWrong) {
   std::filesystem::create_directory(root_ + "/run");
-  EXPECT_EQ(whatOf([&] { Agent::request(path_, {{"command", "status"}}); }),
+  EXPECT_EQ(whatOf([&] {
+              Agent::request(path_, {{"command", "status"}});
+            }),
             "no agent is running on " + path_ + " (connect: No such file or directory)");
   makeStaleSocket(path_);
-  EXPECT_EQ(whatOf([&] { Agent::request(path_, {{"command", "status"}}); }),
+  EXPECT_EQ(whatOf([&] {
+              Agent::request(path_, {{"command", "status"}});
+            }),
             "no agent is running on " + path_ + " (connect: Connection refused)");
   std::filesystem::remove(path_);
 
@@ -342,8 +351,7 @@ TEST_F(ControlIntegration, ClientSaysWhatWentWrong) {
   ASSERT_EQ(listen(listener, 4), 0);
   auto const against = [&](std::optional<std::string> const& reply, double timeout) {
     std::string error;
-    std::thread client(
-        [&] { error = whatOf([&] { Agent::request(path_, {{"command", "status"}}, timeout); }); });
+    std::thread client([&] { error = whatOf([&] { Agent::request(path_, {{"command", "status"}}, timeout); }); });
     int const fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     char line[256];
     EXPECT_GT(recv(fd, line, sizeof line, 0), 0);

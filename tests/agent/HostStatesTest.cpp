@@ -55,8 +55,9 @@ class HostStatesIntegration : public FileReplication::SmTest {
 
   HostStates& make() {
     states_ = std::make_unique<HostStates>(
-        config_, HostStates::Hooks{[this](FileReplication::LogPriority, std::string const& line) { said_.push_back(line); },
-                                   [this](Kel::Name requester) { replicated_.push_back(requester.str()); }});
+        config_,
+        HostStates::Hooks{[this](FileReplication::LogPriority, std::string const& line) { said_.push_back(line); },
+                          [this](Kel::Name requester) { replicated_.push_back(requester.str()); }});
     return *states_;
   }
   // As Replicate does it: written beside, renamed over.

@@ -43,22 +43,23 @@ json file(json status, char const* state, json lastSynchronized) {
 
 TEST_F(StatusViewTest, RendersSortedAlignedRowsWithAges) {
   json failing = file("failed", "backoff", now - 330);
-  failing.update({{"dstPath", "/bak/c"}, {"lastError", "Replicate exited with status 1"}, {"failuresInRow", 4},
+  failing.update({{"dstPath", "/bak/c"},
+                  {"lastError", "Replicate exited with status 1"},
+                  {"failuresInRow", 4},
                   {"nextRetry", now + 8}});
-  json const status = {
-      {"ok", true},
-      {"requesters",
-       {{"beta", {{"mode", "inotify"}, {"enabled", false}, {"files", json::object()}}},
-        {"alpha",
-         {{"mode", "periodic"},
-          {"enabled", true},
-          {"files",
-           {{"/srv/e", file("synchronized", "standby", now - 2 * 86400 - 5)},
-            {"/srv/b", file("synchronized", "standby", now - 12)},
-            {"/srv/a", file(nullptr, "queued", nullptr)},
-            {"/srv/d", file("inProgress", "replicating", now - 3 * 3600 - 100)},
-            {"/srv/c", failing},
-            {"/srv/f", file("synchronized", "standby", now + 0.4)}}}}}}}};
+  json const status = {{"ok", true},
+                       {"requesters",
+                        {{"beta", {{"mode", "inotify"}, {"enabled", false}, {"files", json::object()}}},
+                         {"alpha",
+                          {{"mode", "periodic"},
+                           {"enabled", true},
+                           {"files",
+                            {{"/srv/e", file("synchronized", "standby", now - 2 * 86400 - 5)},
+                             {"/srv/b", file("synchronized", "standby", now - 12)},
+                             {"/srv/a", file(nullptr, "queued", nullptr)},
+                             {"/srv/d", file("inProgress", "replicating", now - 3 * 3600 - 100)},
+                             {"/srv/c", failing},
+                             {"/srv/f", file("synchronized", "standby", now + 0.4)}}}}}}}};
   EXPECT_EQ(Agent::statusTable(status, now),
             "alpha: periodic, enabled, 6 files\n"
             "  PATH              STATUS        STATE        LAST SYNCHRONIZED    AGE\n"
@@ -75,15 +76,14 @@ TEST_F(StatusViewTest, RendersSortedAlignedRowsWithAges) {
 }
 
 TEST_F(StatusViewTest, EscapesNamesThatCouldBreakTheTable) {
-  json const status = {
-      {"requesters",
-       {{"r\x1b[2J",
-         {{"mode", "periodic"},
-          {"enabled", true},
-          {"files",
-           {{"/a\nb", file("synchronized", "standby", now - 1)},
-            {"/c\td\\e\x7f", file("failed", "backoff", now + 30)},
-            {"/\xc3\xa9t\xc3\xa9\xc2\x9b", file(nullptr, "queued", nullptr)}}}}}}}};
+  json const status = {{"requesters",
+                        {{"r\x1b[2J",
+                          {{"mode", "periodic"},
+                           {"enabled", true},
+                           {"files",
+                            {{"/a\nb", file("synchronized", "standby", now - 1)},
+                             {"/c\td\\e\x7f", file("failed", "backoff", now + 30)},
+                             {"/\xc3\xa9t\xc3\xa9\xc2\x9b", file(nullptr, "queued", nullptr)}}}}}}}};
   // The UTF-8 name takes as many columns as it has characters.
   EXPECT_EQ(Agent::statusTable(status, now),
             "r\\x1b[2J: periodic, enabled, 3 files\n"

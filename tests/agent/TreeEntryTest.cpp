@@ -67,11 +67,10 @@ TEST(TreeEntryTest, ExcludesLitterAndWhatIsAskedAndMapsDestinations) {
     bool wanted;
   };
   Case const cases[] = {
-      {"/srv/t/a", true},         {"/srv/t/d/e/f", true},     {"/srv/t/a.swp", false},
-      {"/srv/t/d/a~", false},     {"/srv/t/.#a", false},      {"/srv/t/4913", false},
-      {"/srv/t/.a.c.Xy12Zq", false}, {"/srv/t/a.log", false}, {"/srv/t/cache/x", false},
-      {"/srv/t/d/cache/x", true}, {"/srv/t/logs/old/x", false}, {"/srv/t/logs/x", true},
-      {"/srv/tx", false},         {"/srv/t/", false},
+      {"/srv/t/a", true},        {"/srv/t/d/e/f", true},     {"/srv/t/a.swp", false},       {"/srv/t/d/a~", false},
+      {"/srv/t/.#a", false},     {"/srv/t/4913", false},     {"/srv/t/.a.c.Xy12Zq", false}, {"/srv/t/a.log", false},
+      {"/srv/t/cache/x", false}, {"/srv/t/d/cache/x", true}, {"/srv/t/logs/old/x", false},  {"/srv/t/logs/x", true},
+      {"/srv/tx", false},        {"/srv/t/", false},
   };
   for (auto const& c : cases) EXPECT_EQ(c.wanted, tree.wants(c.path)) << c.path;
   EXPECT_FALSE(tree.entersDir("/srv/t/cache"));
@@ -114,15 +113,19 @@ TEST(TreeConfigTest, ChecksEntriesAgainstTheFileSystem) {
   std::filesystem::create_directories(d / "t/sub");
   writeFile(d / "t/sub/a.conf", "a");
   writeFile(d / "t/sub/b.conf", "b");
-  std::string const text = "requesters:\n  r:\n    mode: inotify\n    files:\n"
-                           "      - path: " + d / "t/\n" +                        // line 5
-                           "        exclude: [\"*.tmp\", \"cache/**\"]\n"
-                           "      - path: " + d / "t/*/*.conf\n" +                // line 7
-                           "      - path: " + d / "none/*.x\n" +                  // line 8
-                           "      - path: " + d / "t/sub/a.conf\n" +              // line 9
-                           "      - path: " + d / "t/[x\n" +                      // line 10
-                           "      - path: /etc/hosts\n        exclude: [\"*.x\"]\n"  // line 11
-                           "      - path: " + d / "u/\n        exclude: [\"/abs\"]\n";
+  std::string const text =
+      "requesters:\n  r:\n    mode: inotify\n    files:\n"
+      "      - path: " +
+      d / "t/\n" +  // line 5
+      "        exclude: [\"*.tmp\", \"cache/**\"]\n"
+      "      - path: " +
+      d / "t/*/*.conf\n" +                                      // line 7
+      "      - path: " + d / "none/*.x\n" +                     // line 8
+      "      - path: " + d / "t/sub/a.conf\n" +                 // line 9
+      "      - path: " + d / "t/[x\n" +                         // line 10
+      "      - path: /etc/hosts\n        exclude: [\"*.x\"]\n"  // line 11
+      "      - path: " +
+      d / "u/\n        exclude: [\"/abs\"]\n";
   auto const parsed = parseConfigText(text, "f.yaml");
   auto has = [](std::vector<std::string> const& lines, std::string const& what) {
     return std::any_of(lines.begin(), lines.end(), [&](auto const& l) { return l.find(what) != std::string::npos; });

@@ -41,9 +41,9 @@ TEST(EntitiesTest, RequesterConfigNotifiesEachRealChangeOnce) {
   rc->remoteHostDelAll();
   rc->fileDelAll();
   EXPECT_EQ((std::vector<std::string>{"r enabled", "r period", "r replicationTimeout", "r retryInterval",
-                                      "r syncErrorThreshold", "r remoteHostReplicationDelay", "r sshOptions -p 2222", "r file /a", "r file /c",
-                                      "r file /a", "r host h1", "r host h2", "r host h1", "r host h2", "r host h2", "r hosts",
-                                      "r file /c", "r files"}),
+                                      "r syncErrorThreshold", "r remoteHostReplicationDelay", "r sshOptions -p 2222",
+                                      "r file /a", "r file /c", "r file /a", "r host h1", "r host h2", "r host h1",
+                                      "r host h2", "r host h2", "r hosts", "r file /c", "r files"}),
             log);
   EXPECT_EQ(0u, rc->files());
   EXPECT_EQ(RequesterConfig::inotify, rc->mode());

@@ -22,7 +22,7 @@ TEST(AssertIntegration, FailurePrintsTheExpressionAndPlaceRecordsItAndAborts) {
   EXPECT_DEATH(KEL_ASSERT(0 && "invalid mode"),
                "Assertion failed: 0 && \"invalid mode\" \\(AssertTest\\.cpp:" + std::to_string(line) + "\\)\n");
   int name = 0;
-  EXPECT_DEATH(KEL_ASSERT(!requesterConfigSm( name )),
+  EXPECT_DEATH(KEL_ASSERT_TEXT(!requesterConfigSm(name), "!requesterConfigSm( name )"),
                "Assertion failed: !requesterConfigSm\\( name \\) \\(AssertTest\\.cpp:[0-9]+\\)");
 
   TempDir dir;

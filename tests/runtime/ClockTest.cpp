@@ -237,7 +237,8 @@ TEST_F(ClockTest, HundredThousandTimersFireInDeadlineThenArmingOrder) {
   // Disarm and re-arm a slice to exercise removal from the middle of the heap.
   for (int i = 0; i < count; i += 7) timers[i]->timeMinIs(Clock::never);
   for (int i = 0; i < count; i += 14) timers[i]->timeMinIs(1500.5);
-  auto const armed = static_cast<std::size_t>(std::count_if(timers.begin(), timers.end(), [](auto const& t) { return t->armed(); }));
+  auto const armed =
+      static_cast<std::size_t>(std::count_if(timers.begin(), timers.end(), [](auto const& t) { return t->armed(); }));
   EXPECT_EQ(clock_->armedTimers(), armed);
 
   clock_->advance(1000);

@@ -74,7 +74,8 @@ TEST(LinkQueueTest, FullIndexSpaceRefusesTheEnqueue) {
   EXPECT_EQ(13u, q.enq(15)) << "a dequeue makes room again";
 
   // Indices are 32 bits: no room at all, or more than they can tell apart.
-  for (auto [first, space] : {std::pair<std::uint32_t, std::uint64_t>{0, 0}, {0, (std::uint64_t(1) << 32) + 1}, {16, 16}}) {
+  for (auto [first, space] :
+       {std::pair<std::uint32_t, std::uint64_t>{0, 0}, {0, (std::uint64_t(1) << 32) + 1}, {16, 16}}) {
     EXPECT_THROW((Kel::LinkQueue<int>(first, space)), Kel::RangeException) << space;
   }
 }

@@ -11,8 +11,8 @@
 #include <stdexcept>
 
 #include "runtime/ActivityManager.h"
-#include "tests/support/Pipe.h"
 #include "runtime/Exception.h"
+#include "tests/support/Pipe.h"
 
 namespace Kel {
 namespace {

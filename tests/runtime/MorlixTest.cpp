@@ -46,8 +46,7 @@ class MorlixIntegration : public testing::Test {
   void overwrite(std::size_t offset, std::string const& bytes) {
     int fd = open(path_.c_str(), O_WRONLY | O_CLOEXEC);
     ASSERT_GE(fd, 0);
-    EXPECT_EQ(pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset)),
-              static_cast<ssize_t>(bytes.size()));
+    EXPECT_EQ(pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset)), static_cast<ssize_t>(bytes.size()));
     close(fd);
   }
 

@@ -24,11 +24,15 @@ TEST(StrepTest, ScalarsRoundTrip) {
 }
 
 TEST(StrepTest, BadInputIsARangeExceptionNamingTheProblem) {
-  EXPECT_EQ("junk at column 2 deserializing 12x", whatOf<Kel::Exception>([] { Kel::strepToValueWith("12x", Kel::strepToUnsigned); }));
-  EXPECT_EQ("unsigned number out of range", whatOf<Kel::Exception>([] { Kel::strepToValueWith("4294967296", Kel::strepToUnsigned); }));
+  EXPECT_EQ("junk at column 2 deserializing 12x",
+            whatOf<Kel::Exception>([] { Kel::strepToValueWith("12x", Kel::strepToUnsigned); }));
+  EXPECT_EQ("unsigned number out of range",
+            whatOf<Kel::Exception>([] { Kel::strepToValueWith("4294967296", Kel::strepToUnsigned); }));
   EXPECT_EQ("unterminated string", whatOf<Kel::Exception>([] { Kel::strepToValueWith("'abc", Kel::strepToString); }));
-  EXPECT_EQ("expected true or false, found 'y'", whatOf<Kel::Exception>([] { Kel::strepToValueWith("yes", Kel::strepToBool); }));
-  EXPECT_EQ("bad \\x escape in string", whatOf<Kel::Exception>([] { Kel::strepToValueWith("'\\x4'", Kel::strepToString); }));
+  EXPECT_EQ("expected true or false, found 'y'",
+            whatOf<Kel::Exception>([] { Kel::strepToValueWith("yes", Kel::strepToBool); }));
+  EXPECT_EQ("bad \\x escape in string",
+            whatOf<Kel::Exception>([] { Kel::strepToValueWith("'\\x4'", Kel::strepToString); }));
 }
 
 TEST(StrepTest, NeedStringBlankMatchesAnyRunOfWhiteSpace) {
@@ -40,7 +44,8 @@ TEST(StrepTest, NeedStringBlankMatchesAnyRunOfWhiteSpace) {
   EXPECT_EQ("x", Kel::strepToString(it, input.cend()).str());
   std::string other = "Valve";
   auto o = other.cbegin();
-  EXPECT_EQ("expected \"Value\", found 'v'", whatOf<Kel::Exception>([&] { Kel::needString(o, other.cend(), "Value"); }));
+  EXPECT_EQ("expected \"Value\", found 'v'",
+            whatOf<Kel::Exception>([&] { Kel::needString(o, other.cend(), "Value"); }));
 }
 
 TEST(ExceptionTest, ErrnoExceptionCarriesTheSystemDescription) {

@@ -239,8 +239,7 @@ TEST_F(TraceIntegration, EnvironmentConfiguresTracingAtFirstUse) {
   EXPECT_EQ(std::filesystem::file_size(ring), 8192u);
   std::string recorded;
   for (Morlix::Record const& record : Morlix::read(ring).records) recorded += Morlix::line(record);
-  EXPECT_THAT(messages(recorded),
-              ElementsAre("alpha two", "alpha three", "gamma zero", "gamma one"));
+  EXPECT_THAT(messages(recorded), ElementsAre("alpha two", "alpha three", "gamma zero", "gamma one"));
 }
 
 }  // namespace

@@ -20,9 +20,7 @@ struct Pipe {
   Pipe& operator=(Pipe const&) = delete;
 
   int readEnd() const { return fds[0]; }
-  void put(char const* text) const {
-    ASSERT_EQ(write(fds[1], text, strlen(text)), static_cast<ssize_t>(strlen(text)));
-  }
+  void put(char const* text) const { ASSERT_EQ(write(fds[1], text, strlen(text)), static_cast<ssize_t>(strlen(text))); }
 
   int fds[2];
 };

@@ -56,7 +56,6 @@ void makeKey(std::string const& file) {
   }
 }
 
-
 bool acceptsConnections(int port) {
   Descriptor socketFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (socketFd.get() < 0) throw systemError("socket");
@@ -98,15 +97,23 @@ TestSshd::TestSshd() {
   port_ = freePort();
   writeFile(path("sshd_config"),
             "ListenAddress 127.0.0.1\n"
-            "Port " + std::to_string(port_) + "\n"
-            "HostKey " + path("host_key") + "\n"
-            "AuthorizedKeysFile " + path("authorized_keys") + "\n"
-            "PidFile " + path("sshd.pid") + "\n"
-            "UsePAM no\n"
-            "StrictModes no\n"
-            "PasswordAuthentication no\n"
-            "KbdInteractiveAuthentication no\n"
-            "PermitRootLogin yes\n");
+            "Port " +
+                std::to_string(port_) +
+                "\n"
+                "HostKey " +
+                path("host_key") +
+                "\n"
+                "AuthorizedKeysFile " +
+                path("authorized_keys") +
+                "\n"
+                "PidFile " +
+                path("sshd.pid") +
+                "\n"
+                "UsePAM no\n"
+                "StrictModes no\n"
+                "PasswordAuthentication no\n"
+                "KbdInteractiveAuthentication no\n"
+                "PermitRootLogin yes\n");
   start();
 }
 

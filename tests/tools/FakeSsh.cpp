@@ -6,7 +6,10 @@
 #include <stdexcept>
 
 FakeSsh::FakeSsh(const TempDir& directory)
-    : script_(directory / "fake-ssh"), root_(directory / "hosts"), log_(directory / "ssh.log"), run_(directory / "run") {
+    : script_(directory / "fake-ssh"),
+      root_(directory / "hosts"),
+      log_(directory / "ssh.log"),
+      run_(directory / "run") {
   if (mkdir(run_.c_str(), 0700) != 0) throw std::runtime_error("mkdir " + run_ + " failed");
   // The temporary directory's name needs no quoting inside double quotes.
   writeFile(script_, R"(#!/bin/sh
@@ -21,11 +24,13 @@ while [ $# -gt 0 ]; do
 done
 host=$1
 shift
-echo "$user$host" >> ")" + log_ + R"("
+echo "$user$host" >> ")" +
+                         log_ + R"("
 case "$host" in
   *.invalid) echo "ssh: Could not resolve hostname $host: Name or service not known" >&2; exit 255;;
 esac
-mkdir -p ")" + root_ + R"(/$host" && cd ")" + root_ + R"(/$host" && exec sh -c "$*"
+mkdir -p ")" + root_ + R"(/$host" && cd ")" +
+                         root_ + R"(/$host" && exec sh -c "$*"
 )");
   if (chmod(script_.c_str(), 0755) != 0) throw std::runtime_error("chmod failed");
 }

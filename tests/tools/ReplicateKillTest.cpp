@@ -4,9 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/tools/FakeSsh.h"
-#include "tests/support/TestProcess.h"
 #include "tests/support/TestFiles.h"
+#include "tests/support/TestProcess.h"
+#include "tests/tools/FakeSsh.h"
 
 // The library's time-out kills only Replicate itself; rsync and the remote
 // shell it started must not outlive it.

@@ -7,15 +7,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/tools/ReplicateProcess.h"
 #include "tests/support/TestFiles.h"
+#include "tests/tools/ReplicateProcess.h"
 
 using testing::HasSubstr;
 
 namespace {
 
 ProcessResult copy(const TempDir& directory, const std::string& source, const std::string& target,
-                     const std::string& options = "") {
+                   const std::string& options = "") {
   return runReplicate({"--cmd", "rsyncFile", "--source", source, "--target", target, "--rsyncOptions", options},
                       directory.path());
 }
@@ -30,8 +30,8 @@ ProcessResult copyBatch(const TempDir& directory, const std::vector<std::string>
   std::string list;
   for (const std::string& name : names) list += name + '\0';
   return runReplicateWithInput(
-      {"--cmd", "rsyncFiles", "--source", "source root", "--target", "target/root", "--rsyncOptions", options},
-      list, directory.path());
+      {"--cmd", "rsyncFiles", "--source", "source root", "--target", "target/root", "--rsyncOptions", options}, list,
+      directory.path());
 }
 
 void writeNested(const std::string& path, const std::string& content) {
@@ -138,8 +138,9 @@ TEST(ReplicateLocalIntegration, NeitherOptionsNorNamesRunAsCode) {
 
   // Names with blanks, quotes, shell syntax, a newline, a leading dash and
   // a colon (rsync's host separator) are copied and deleted as they are.
-  const std::vector<std::string> names = {"it's a \"name\"", "$(touch " + pwned + ")", "a;touch " + pwned,
-                                         "line\nbreak", "-rf", "host:file", "`touch " + pwned + "`"};
+  const std::vector<std::string> names = {
+      "it's a \"name\"", "$(touch " + pwned + ")", "a;touch " + pwned, "line\nbreak", "-rf",
+      "host:file",       "`touch " + pwned + "`"};
   for (const std::string& name : names) {
     writeFile(directory / "source", name);
     result = copy(directory, "source", name);
@@ -183,9 +184,15 @@ TEST(ReplicateLocalIntegration, CopiesABatchAndFailsOnlyTheFilesThatFail) {
   const std::string target = directory / "target/root/";
   // The names run nothing in the working directory, and the leading dash,
   // the colon and the odd bytes mean nothing to rsync inside the list.
-  const std::vector<std::string> names = {"plain",         "nested/deeper/it's \"quoted\"", "nested/line\nbreak",
-                                          "-rf",           "nested/-e x",                   "$(touch pwned)",
-                                          "a;touch pwned", "host:file",                     "bad \xff\xfe byte",
+  const std::vector<std::string> names = {"plain",
+                                          "nested/deeper/it's \"quoted\"",
+                                          "nested/line\nbreak",
+                                          "-rf",
+                                          "nested/-e x",
+                                          "$(touch pwned)",
+                                          "a;touch pwned",
+                                          "host:file",
+                                          "bad \xff\xfe byte",
                                           "kept/inside"};
   for (const std::string& name : names) writeNested(source + name, "first " + name);
   ASSERT_EQ(mkdir((directory / "target").c_str(), 0755), 0);

@@ -7,12 +7,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/TestFiles.h"
 #include "tests/tools/FakeSsh.h"
 #include "tests/tools/ReplicateProcess.h"
-#include "tests/support/TestFiles.h"
 
-using testing::HasSubstr;
 using testing::ElementsAre;
+using testing::HasSubstr;
 
 namespace {
 
@@ -29,10 +29,9 @@ TEST(ReplicateRemoteIntegration, CopiesAndDeletesOnEveryHostAndNamesTheOnesThatF
   const std::string target = "new dir/it's \"$(touch " + pwned + ")\";touch " + pwned + "\n`touch " + pwned + "`";
   writeFile(directory / "source", "content");
 
-  ProcessResult result =
-      runReplicate({"--cmd", "rsyncFile", "--remoteHosts", hosts, "--source", "source", "--target", target,
-                    "--rsyncOptions", "-a '--exclude=$(touch " + pwned + ")'"},
-                   directory.path(), ssh.environment());
+  ProcessResult result = runReplicate({"--cmd", "rsyncFile", "--remoteHosts", hosts, "--source", "source", "--target",
+                                       target, "--rsyncOptions", "-a '--exclude=$(touch " + pwned + ")'"},
+                                      directory.path(), ssh.environment());
   EXPECT_EQ(result.status, 1);
   // One line for the host, saying what to do, in place of ssh's and rsync's.
   EXPECT_EQ(result.err, "Replicate: host nonexistent.invalid: nonexistent.invalid: no such host name\n");
@@ -55,8 +54,8 @@ TEST(ReplicateRemoteIntegration, CopiesAndDeletesOnEveryHostAndNamesTheOnesThatF
   }
 
   // Already gone counts as deleted; a directory does not.
-  result = runReplicate({"--cmd", "deleteFile", "--remoteHosts", "alpha,beta", "--target", target},
-                        directory.path(), ssh.environment());
+  result = runReplicate({"--cmd", "deleteFile", "--remoteHosts", "alpha,beta", "--target", target}, directory.path(),
+                        ssh.environment());
   EXPECT_EQ(result.status, 0) << result.err;
   result = runReplicate({"--cmd", "deleteFile", "--remoteHosts", "alpha", "--target", "new dir"}, directory.path(),
                         ssh.environment());

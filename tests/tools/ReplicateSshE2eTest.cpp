@@ -12,9 +12,9 @@
 #include <filesystem>
 #include <regex>
 
+#include "tests/support/TestFiles.h"
 #include "tests/support/TestSshd.h"
 #include "tests/tools/ReplicateProcess.h"
-#include "tests/support/TestFiles.h"
 
 using testing::HasSubstr;
 using namespace std::chrono_literals;
@@ -102,8 +102,8 @@ TEST(ReplicateSshE2e, CopiesToLiveHostsAtOnceAndLeavesADeadOneAlone) {
                           " -o LogLevel=ERROR -o ConnectTimeout=6";
   const std::string target = directory / "copies/file";
   const auto copy = [&] {
-    return runReplicate({"--cmd", "rsyncFile", "--remoteHosts", "127.0.0.2,127.0.0.1", "--sshOptions", ssh,
-                         "--source", "source", "--target", target, "--rsyncOptions", ""},
+    return runReplicate({"--cmd", "rsyncFile", "--remoteHosts", "127.0.0.2,127.0.0.1", "--sshOptions", ssh, "--source",
+                         "source", "--target", target, "--rsyncOptions", ""},
                         directory.path(), {runtime.environment()});
   };
 
@@ -138,7 +138,8 @@ TEST(ReplicateSshE2e, CopiesToLiveHostsAtOnceAndLeavesADeadOneAlone) {
   // Both runs went through one connection, which is still open.
   const std::string log = sshd.log();
   size_t logins = 0;
-  for (size_t at = log.find("Accepted publickey"); at != std::string::npos; at = log.find("Accepted publickey", at + 1)) {
+  for (size_t at = log.find("Accepted publickey"); at != std::string::npos;
+       at = log.find("Accepted publickey", at + 1)) {
     ++logins;
   }
   EXPECT_EQ(logins, 1u) << log;
@@ -170,8 +171,8 @@ TEST(ReplicateSshE2e, CopiesIntoNewDirectoriesOfAnOldRsyncAndTellsWhenSshdIsDown
     return runReplicate(std::move(arguments), directory.path(), environment);
   };
   const auto copy = [&](const std::string& host) {
-    return run({"--cmd", "rsyncFile", "--remoteHosts", host, "--source", "source", "--target", target,
-                "--rsyncOptions", options});
+    return run({"--cmd", "rsyncFile", "--remoteHosts", host, "--source", "source", "--target", target, "--rsyncOptions",
+                options});
   };
 
   writeFile(directory / "source", "first");
@@ -235,14 +236,14 @@ TEST(ReplicateSshE2e, PassesAnyNameIntactAndRunsNothingAsCode) {
   const std::string target =
       directory / ("dir $(touch " + canary + ");touch " + canary + "\n`touch " + canary + "`/") + name;
 
-  ProcessResult result = runReplicate({"--cmd", "rsyncFile", "--remoteHosts", "localhost", "--source", name,
-                                       "--target", target, "--rsyncOptions", "-a"},
+  ProcessResult result = runReplicate({"--cmd", "rsyncFile", "--remoteHosts", "localhost", "--source", name, "--target",
+                                       target, "--rsyncOptions", "-a"},
                                       directory.path(), environment);
   ASSERT_EQ(result.status, 0) << result.err << sshd.log();
   EXPECT_EQ(readFile(target), "odd");
 
-  result = runReplicate({"--cmd", "deleteFile", "--remoteHosts", "localhost", "--target", target},
-                        directory.path(), environment);
+  result = runReplicate({"--cmd", "deleteFile", "--remoteHosts", "localhost", "--target", target}, directory.path(),
+                        environment);
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_FALSE(exists(target));
   EXPECT_TRUE(exists(directory / name)) << "the source stays";

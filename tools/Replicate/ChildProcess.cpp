@@ -110,8 +110,7 @@ int runChild(const std::string& path, const std::vector<std::string>& arguments,
   return awaitChild(startChild(path, arguments, streams));
 }
 
-ChildRun runCapturingErrors(const std::string& path, const std::vector<std::string>& arguments,
-                            ChildStreams streams) {
+ChildRun runCapturingErrors(const std::string& path, const std::vector<std::string>& arguments, ChildStreams streams) {
   const int capture = memfd_create("Replicate-errors", MFD_CLOEXEC);
   if (capture < 0) throw std::runtime_error(std::string("memfd_create: ") + std::strerror(errno));
   ChildRun run;

@@ -97,8 +97,7 @@ CommandLine parseCommandLine(std::span<const char* const> arguments) {
     refuse(values, "--target", command);
     refuse(values, "--rsyncOptions", command);
   } else {
-    throw UsageError("unknown --cmd " + printable(command) +
-                     " (expected rsyncFile, rsyncFiles, deleteFile or probe)");
+    throw UsageError("unknown --cmd " + printable(command) + " (expected rsyncFile, rsyncFiles, deleteFile or probe)");
   }
 
   if (const auto hosts = values.find("--remoteHosts"); hosts != values.end()) {

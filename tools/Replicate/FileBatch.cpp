@@ -87,8 +87,7 @@ class ListFile {
 };
 
 std::vector<DestinationBatch> destinationBatches(const CommandLine& line, const std::vector<size_t>& files,
-                                                const RemoteShell* shell,
-                                                const std::function<bool(size_t)>& changed) {
+                                                 const RemoteShell* shell, const std::function<bool(size_t)>& changed) {
   const std::string sourceRoot = localPathForRsync(withTrailingSlash(line.source));
   const std::string targetRoot = withTrailingSlash(line.target);
   std::vector<std::string> arguments = rsyncArguments(line.rsyncOptions);
@@ -128,8 +127,7 @@ HostOutcome copyToHost(const RemoteHosts& hosts, const HostAddress& host, Destin
   std::optional<RemoteFailure> unreachable;
   while (!batch.done()) {
     const ListFile list(names, batch.nextList());
-    const ChildRun run =
-        runCapturingErrors(rsync, batch.arguments(), {.input = list.fd(), .outputToStderr = true});
+    const ChildRun run = runCapturingErrors(rsync, batch.arguments(), {.input = list.fd(), .outputToStderr = true});
     if (!succeeded(run.status) && !madeDirectories && missingRemoteDirectory(run)) {
       madeDirectories = true;
       if (const auto made = makeRemoteDirectories(rsync, line.rsyncOptions, hosts.shell(), host, line.target)) {
@@ -203,8 +201,9 @@ std::vector<bool> copyFiles(const CommandLine& line, const std::vector<std::stri
   try {
     rsync = findRsync();
     if (!line.remoteHosts.empty()) hosts.emplace(line);
-    destinations = destinationBatches(line, files, hosts ? &hosts->shell() : nullptr,
-                                      [&](size_t file) { return sourceChanged(sourceRoot + names[file], sources[file]); });
+    destinations = destinationBatches(line, files, hosts ? &hosts->shell() : nullptr, [&](size_t file) {
+      return sourceChanged(sourceRoot + names[file], sources[file]);
+    });
   } catch (const std::runtime_error& error) {
     report(error.what());
     for (const size_t file : files) copied[file] = false;

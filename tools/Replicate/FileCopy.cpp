@@ -40,7 +40,7 @@ bool copyFile(const CommandLine& line) {
 
   if (line.remoteHosts.empty()) {
     // rsync would put the file inside the directory and call it done.
-    if (struct stat target {}; stat(line.target.c_str(), &target) == 0 && S_ISDIR(target.st_mode)) {
+    if (struct stat target{}; stat(line.target.c_str(), &target) == 0 && S_ISDIR(target.st_mode)) {
       report("target " + printable(line.target) + " is a directory");
       return false;
     }

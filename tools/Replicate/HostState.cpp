@@ -67,7 +67,8 @@ bool worthWriting(const std::optional<HostState>& before, const HostState& after
 
 std::string formatHostState(const HostState& state) {
   std::string error = state.error;
-  std::replace_if(error.begin(), error.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+  std::replace_if(
+      error.begin(), error.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
   return std::string("state ") + (state.up ? "up" : "down") + "\nsince " + std::to_string(state.since) +
          "\nlastSuccess " + std::to_string(state.lastSuccess) + "\nfailures " + std::to_string(state.failures) +
          "\nnextTry " + std::to_string(state.nextTry) + "\nerror " + error + "\n";

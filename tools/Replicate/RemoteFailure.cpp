@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 
 #include "tools/Replicate/ChildStatus.h"
 

@@ -10,9 +10,7 @@ bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n'; }
 
 // Inside double quotes a backslash escapes only these; before anything else
 // it stands for itself.
-bool escapableInDoubleQuotes(char c) {
-  return c == '$' || c == '`' || c == '"' || c == '\\' || c == '\n';
-}
+bool escapableInDoubleQuotes(char c) { return c == '$' || c == '`' || c == '"' || c == '\\' || c == '\n'; }
 
 }  // namespace
 

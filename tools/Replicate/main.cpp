@@ -66,18 +66,10 @@ int main(int argc, char** argv) {
   try {
     bool ok = false;
     switch (line.command) {
-      case Command::rsyncFile:
-        ok = copyFile(line);
-        break;
-      case Command::rsyncFiles:
-        ok = copyListedFiles(line, names);
-        break;
-      case Command::deleteFile:
-        ok = deleteFile(line);
-        break;
-      case Command::probe:
-        ok = probeHosts(line);
-        break;
+      case Command::rsyncFile: ok = copyFile(line); break;
+      case Command::rsyncFiles: ok = copyListedFiles(line, names); break;
+      case Command::deleteFile: ok = deleteFile(line); break;
+      case Command::probe: ok = probeHosts(line); break;
     }
     return ok ? 0 : 1;
   } catch (const std::exception& error) {
