@@ -447,7 +447,7 @@ void ReplicationSm::reportOutcome(FileStatus::Status status) {
     return;
   }
   fileStatus_->failuresInRowIs(before + 1);
-  auto const threshold = std::uint32_t(std::max(1, requesterConfig_->syncErrorThreshold()));
+  std::uint32_t const threshold = alertThreshold(*requesterConfig_);
   std::string const why = fileStatus_->lastError().empty() ? "" : ": " + fileStatus_->lastError().str();
   if (before + 1 == threshold) {
     std::string const times = threshold == 1 ? "" : " " + std::to_string(threshold) + " runs in a row";

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <ostream>
 
 #include "FileReplication/FileReplicationUtils.h"
@@ -143,5 +144,11 @@ class ReplicationSm : public Kel::Entity {
 };
 
 std::ostream& operator<<(std::ostream& o, ReplicationSm::State state);
+
+// Failed runs in a row that make a file one to alert on: the requester's
+// syncErrorThreshold, at least 1.
+inline std::uint32_t alertThreshold(RequesterConfig const& requester) {
+  return std::uint32_t(requester.syncErrorThreshold() > 1 ? requester.syncErrorThreshold() : 1);
+}
 
 }  // namespace FileReplication

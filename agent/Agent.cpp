@@ -84,11 +84,6 @@ nlohmann::json hostStatus(HostStates::Host const& host) {
   return status;
 }
 
-// A file that failed this many runs in a row is one to alert on.
-std::uint32_t alertThreshold(FileReplication::RequesterConfig const& requester) {
-  return std::uint32_t(std::max(1, requester.syncErrorThreshold()));
-}
-
 nlohmann::json error(std::string message) { return {{"ok", false}, {"error", std::move(message)}}; }
 
 // What the trees ask of the rest of the agent: the log, and the machines of
@@ -367,6 +362,7 @@ nlohmann::json Agent::status() const {
     auto sm = configSm_->requesterConfigSm(name);
     nlohmann::json files = nlohmann::json::object();
     std::size_t pending = 0;
+    std::uint32_t const threshold = FileReplication::alertThreshold(*rc);
     for (auto const& [path, fc] : rc->file()) {
       auto fs = rs ? rs->file(path) : nullptr;
       auto rsm = sm ? sm->replicationSm(path.str()) : nullptr;
@@ -385,15 +381,15 @@ nlohmann::json Agent::status() const {
       putTime(file, "nextRetry", backingOff ? rsm->backoffTime() : 0);
       std::uint32_t const failures = fs ? fs->failuresInRow() : 0;
       file["failuresInRow"] = failures;
-      file["alerting"] = failures >= alertThreshold(*rc);
-      alerting += failures >= alertThreshold(*rc);
+      file["alerting"] = failures >= threshold;
+      alerting += failures >= threshold;
       files[path.str()] = std::move(file);
     }
     nlohmann::json requester = {
         {"mode", rc->mode() == FileReplication::RequesterConfig::inotify ? "inotify" : "periodic"},
         {"enabled", rc->enabled()},
         {"overflows", rs ? rs->overflows() : 0},
-        {"syncErrorThreshold", alertThreshold(*rc)},
+        {"syncErrorThreshold", threshold},
         {"files", std::move(files)}};
     if (auto unwatched = unwatchedDirectories(sm.ptr()); !unwatched.empty()) requester["unwatched"] = unwatched;
     if (auto entries = trees_->status(name.str()); !entries.is_null()) requester["entries"] = std::move(entries);

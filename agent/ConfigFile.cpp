@@ -806,7 +806,11 @@ void Parser::checkRsyncOptions(std::string const& text, YAML::Mark const& at) {
     return;
   }
   for (std::string const& w : words) {
-    bool const shortE = w.size() > 1 && w[0] == '-' && w[1] != '-' && w.find('e') != std::string::npos;
+    // In a cluster of short options, one that takes an argument ends the
+    // options: "-T/tmp/e" names a directory.
+    bool const shortCluster = w.size() > 1 && w[0] == '-' && w[1] != '-';
+    std::size_t const options = shortCluster ? w.find_first_of("BfMT@", 1) : 0;
+    bool const shortE = shortCluster && w.substr(0, options).find('e') != std::string::npos;
     if (shortE || w.starts_with("--rsh")) {
       error(at, "rsyncOptions " + quoted(text) + " choose the remote shell (" + quoted(w) +
                     "); expected ssh settings under ssh: (port, user, identityFile, options)");

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <utility>
 
+#include "FileReplication/ReplicationSm.h"
 #include "agent/HostStates.h"
 
 namespace Agent {
@@ -88,7 +89,7 @@ std::map<std::string, RequesterFigures> requesterFigures(MetricsSource const& so
       auto const status = fs ? fs->status() : FileStatus::unknown;
       ++f.files[std::find(std::begin(fileStatuses), std::end(fileStatuses), status) - std::begin(fileStatuses)];
       if (fs) f.lastSuccess = std::max(f.lastSuccess, fs->lastSynchronized());
-      if (fs && fs->failuresInRow() >= std::uint32_t(std::max(1, rc->syncErrorThreshold()))) ++f.alerting;
+      if (fs && fs->failuresInRow() >= FileReplication::alertThreshold(*rc)) ++f.alerting;
     }
     if (!rs) continue;
     f.runsStarted = rs->runsStarted();

@@ -182,7 +182,7 @@ TEST(ConfigFileTest, RefusesRsyncOptionsThatCannotWork) {
       "      - {path: /srv/a, rsyncOptions: \"-a '--partial\"}\n"
       "      - {path: /srv/b, rsyncOptions: \"-avze ssh\"}\n"
       "      - {path: /srv/c, rsyncOptions: \"-a --rsh=ssh\"}\n"
-      "      - {path: /srv/d, rsyncOptions: \"-a --exclude=x\"}\n",
+      "      - {path: /srv/d, rsyncOptions: \"-a --exclude=x -T/tmp/e\"}\n",
       "f.yaml");
   std::string const useSsh = "; expected ssh settings under ssh: (port, user, identityFile, options)";
   EXPECT_EQ((Lines{"f.yaml:5:38: rsyncOptions \"-a '--partial\" cannot be split into words: unterminated single quote; "
