@@ -37,6 +37,7 @@ Kel::Ptr<Kel::ChildSiginfo const> rsyncFile(Kel::String8 remoteHostsString, Kel:
                                             Kel::String8 sshOptions) {
   Kel::ChildSetup setup;
   setup.batchLimit = maxFilesPerRun;
+  setup.captureStderr = true;
   KEL_TRACE(6, "rsycnFile remoteHostsString:" << remoteHostsString << " source:" << source << " target:" << target
                                               << " rsyncOptions: " << rsyncOptions
                                               << (sshOptions == "" ? "" : " sshOptions: ") << sshOptions);
@@ -47,12 +48,14 @@ Kel::Ptr<Kel::ChildSiginfo const> rsyncFile(Kel::String8 remoteHostsString, Kel:
 }
 
 Kel::Ptr<Kel::ChildSiginfo const> deleteFile(Kel::String8 remoteHostsString, Kel::String8 target,
-                                             Kel::String8 sshOptions) {
+                                             Kel::String8 sshOptions, bool captureStderr) {
   KEL_TRACE(6, "deleteFile remoteHostsString:" << remoteHostsString << " target:" << target
                                                << (sshOptions == "" ? "" : " sshOptions: ") << sshOptions);
   auto argv = commandHead("deleteFile", remoteHostsString, sshOptions);
   argv.insert(argv.end(), {"--target", target.charPtr(), nullptr});
-  return Kel::run(argv.data(), -1, -1, -1, -1);
+  Kel::ChildSetup setup;
+  setup.captureStderr = captureStderr;
+  return Kel::run(argv.data(), setup);
 }
 
 }  // namespace Commands

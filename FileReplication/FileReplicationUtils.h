@@ -17,12 +17,14 @@ namespace Commands {
 // Up to maxFilesPerRun copies due together may be merged into one Replicate
 // process (see ReplicateBatcher); each still ends with its own outcome.
 // sshOptions is passed on whole, for Replicate to split; only with remote
-// hosts, since a local copy has no ssh to give it to.
+// hosts, since a local copy has no ssh to give it to. What Replicate writes
+// on stderr is captured for the child's errorOutput(), unless a deletion is
+// told to leave it on ours (no one waits for its end).
 Kel::Ptr<Kel::ChildSiginfo const> rsyncFile(Kel::String8 remoteHostsString, Kel::String8 source, Kel::String8 target,
                                             Kel::String8 rsyncOptions, std::uint32_t maxFilesPerRun = 1,
                                             Kel::String8 sshOptions = Kel::String8());
 Kel::Ptr<Kel::ChildSiginfo const> deleteFile(Kel::String8 remoteHostsString, Kel::String8 target,
-                                             Kel::String8 sshOptions = Kel::String8());
+                                             Kel::String8 sshOptions = Kel::String8(), bool captureStderr = true);
 
 }  // namespace Commands
 

@@ -1,7 +1,9 @@
 #include "FileReplication/ReplicateBatcher.h"
 
+#include <algorithm>
 #include <array>
 #include <optional>
+#include <unordered_map>
 
 namespace FileReplication {
 
@@ -153,6 +155,53 @@ std::vector<Kel::ChildBatcher::End> ReplicateBatcher::endsOf(std::size_t members
     start = newline == std::string_view::npos ? output.size() : newline + 1;
   }
   return ends;
+}
+
+std::vector<std::string> ReplicateBatcher::errorOutputsOf(std::vector<Kel::Ptr<Kel::ChildSiginfo>> const& members,
+                                                          std::vector<End> const& ends, std::string_view errors) const {
+  std::unordered_map<std::string_view, std::size_t> byName;
+  for (std::size_t i = 0; i < members.size(); ++i) {
+    if (auto const copy = copyOf(members[i]->argv())) byName.emplace(copy->name, i);
+  }
+  std::vector<std::string> outputs(members.size());
+  std::vector<std::size_t> named;
+  // A word, or the whole of a quoted text, and each tail of it after a '/'.
+  auto lookUp = [&](std::string_view word) {
+    while (!word.empty()) {
+      if (auto const found = byName.find(word); found != byName.end()) named.push_back(found->second);
+      std::size_t const slash = word.find('/');
+      word.remove_prefix(slash == std::string_view::npos ? word.size() : slash + 1);
+    }
+  };
+  while (!errors.empty()) {
+    std::size_t const end = std::min(errors.find('\n'), errors.size());
+    std::string_view const line = errors.substr(0, end + (end < errors.size()));
+    errors.remove_prefix(line.size());
+    named.clear();
+    for (std::size_t open = line.find('"'), close; open != std::string_view::npos; open = line.find('"', close + 1)) {
+      close = line.find('"', open + 1);
+      if (close == std::string_view::npos) break;
+      lookUp(line.substr(open + 1, close - open - 1));
+    }
+    for (std::size_t start = 0; start < line.size();) {
+      std::size_t stop = std::min(line.find_first_of(" \t\n\"", start), line.size());
+      std::string_view word = line.substr(start, stop - start);
+      start = stop + 1;
+      while (!word.empty() && (word.back() == ':' || word.back() == ',' || word.back() == ';')) word.remove_suffix(1);
+      lookUp(word);
+    }
+    if (!named.empty()) {
+      // Once each, however often the line names it.
+      std::sort(named.begin(), named.end());
+      named.erase(std::unique(named.begin(), named.end()), named.end());
+      for (std::size_t i : named) outputs[i] += line;
+      continue;
+    }
+    for (std::size_t i = 0; i < members.size() && i < ends.size(); ++i) {
+      if (ends[i].code != Kel::ChildSiginfo::exited || ends[i].exitStatus != 0) outputs[i] += line;
+    }
+  }
+  return outputs;
 }
 
 }  // namespace FileReplication

@@ -26,6 +26,11 @@ class ReplicateBatcher : public Kel::ChildBatcher {
   std::string batchKey(std::vector<std::string> const& argv) const override;
   Carrier carrierOf(std::vector<Kel::Ptr<Kel::ChildSiginfo>> const& members) const override;
   std::vector<End> endsOf(std::size_t members, End carrier, std::string_view output) const override;
+  // A line that names a member's file (its path, or its name under the
+  // roots, as rsync says it) is that member's; any other line, a host that
+  // is down say, is every failed member's.
+  std::vector<std::string> errorOutputsOf(std::vector<Kel::Ptr<Kel::ChildSiginfo>> const& members,
+                                          std::vector<End> const& ends, std::string_view errors) const override;
 };
 
 }  // namespace FileReplication

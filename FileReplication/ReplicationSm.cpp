@@ -6,6 +6,7 @@
 #include <iomanip>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "FileReplication/FileReplicationUtils.h"
 #include "FileReplication/Log.h"
@@ -20,6 +21,28 @@ namespace FileReplication {
 namespace {
 
 constexpr double never = Kel::Clock::never;
+
+// What a run wrote on stderr, as one line for the status and the log: its
+// lines joined, each once (a shared run that narrows down a failed file
+// says the same again), the first ones kept when it runs long, since they
+// tend to hold the cause and the last ones a summary.
+std::string errorText(std::string_view output) {
+  constexpr std::size_t most = 1000;
+  std::string text;
+  std::vector<std::string_view> said;
+  while (!output.empty() && text.size() < most) {
+    std::size_t const end = std::min(output.find('\n'), output.size());
+    std::string_view line = output.substr(0, end);
+    output.remove_prefix(std::min(end + 1, output.size()));
+    while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.remove_suffix(1);
+    if (line.empty() || std::find(said.begin(), said.end(), line) != said.end()) continue;
+    said.push_back(line);
+    text += text.empty() ? "" : "; ";
+    text += line;
+  }
+  if (text.size() > most) text.replace(most, std::string::npos, "...");
+  return text;
+}
 
 }  // namespace
 
@@ -332,11 +355,15 @@ void ReplicationSm::handleReplicationCmdSignalCode() {
   // Also called when the reactor is bound, before the child has ended.
   if (replicationCmd_->signalCode() == Kel::ChildSiginfo::notEnded) return;
   bool const success = replicationCmd_->exitStatus() == 0 && replicationCmd_->signalCode() == Kel::ChildSiginfo::exited;
+  std::string const said = errorText(replicationCmd_->errorOutput());
   if (!success && fileStatus_ && watchError_.empty()) {
-    // Replicate's own lines, on the agent's standard error, say more.
-    fileStatus_->lastErrorIs(replicationCmd_->signalCode() == Kel::ChildSiginfo::exited
-                                 ? "Replicate exited with status " + std::to_string(replicationCmd_->exitStatus())
-                                 : "Replicate was killed by signal " + std::to_string(replicationCmd_->exitStatus()));
+    bool const exited = replicationCmd_->signalCode() == Kel::ChildSiginfo::exited;
+    std::string const end = exited ? "Replicate exited with status " + std::to_string(replicationCmd_->exitStatus())
+                                   : "Replicate was killed by signal " + std::to_string(replicationCmd_->exitStatus());
+    // What Replicate and rsync said is the reason; a kill needs saying too.
+    fileStatus_->lastErrorIs(said.empty() ? end : exited ? said : end + ": " + said);
+  } else if (success && !said.empty()) {
+    log(LogPriority::info, path().str() + ": " + said);
   }
   replicationCmdIs(nullptr);
   kelReplicationTimeoutClock_->timeMinIs(never);
@@ -477,7 +504,7 @@ void ReplicationSm::deleteFile() {
   KEL_TRACE(3, __PRETTY_FUNCTION__ << ": ");
   if (!Utils::missing(Utils::statError(path()))) return;
   // Fire and forget: the child is not watched and no status is written.
-  Commands::deleteFile(remoteHostsString(), dstPath(), requesterConfig_->sshOptions());
+  Commands::deleteFile(remoteHostsString(), dstPath(), requesterConfig_->sshOptions(), false);
 }
 
 Kel::NamedOperations<ReplicationSm> const& ReplicationSm::operations() {

@@ -218,8 +218,11 @@ void HostStates::handleProbeClock(std::string const& host) {
   if (!sshOptions.empty()) argv.insert(argv.end(), {"--sshOptions", sshOptions.c_str()});
   argv.push_back(nullptr);
   entry.probedFor = entry.host.nextTry;
-  // Its exit status says nothing that the state file does not.
-  entry.probe = Kel::run(argv.data(), Kel::ChildSetup{});
+  // Its exit status and what it writes say nothing that the state file
+  // does not.
+  Kel::ChildSetup setup;
+  setup.captureStderr = true;
+  entry.probe = Kel::run(argv.data(), setup);
   entry.probeEnd->notifierIs(entry.probe);
   entry.clock->timeMinIs(Kel::now() + probeTimeLimit);
 }

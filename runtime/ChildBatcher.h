@@ -36,6 +36,15 @@ class ChildBatcher {
   // How each of members ended (one entry each, in order), given how their
   // carrier ended and what it wrote on its stdout.
   virtual std::vector<End> endsOf(std::size_t members, End carrier, std::string_view output) const = 0;
+
+  // The part of what their process wrote on stderr that concerns each of
+  // members (one entry each, in order), given how each ended; by default
+  // all of it for each.
+  virtual std::vector<std::string> errorOutputsOf(std::vector<Ptr<ChildSiginfo>> const& members,
+                                                  std::vector<End> const& ends, std::string_view errors) const {
+    static_cast<void>(ends);
+    return std::vector<std::string>(members.size(), std::string(errors));
+  }
 };
 
 }  // namespace Kel

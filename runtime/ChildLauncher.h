@@ -19,6 +19,10 @@ struct ChildSetup {
   // How many children, this one included, may share one process when the
   // manager's batcher gives them one key; 1: this child runs alone.
   std::uint32_t batchLimit = 1;
+  // With stderrFd -1: what the child writes on stderr is kept for
+  // ChildSiginfo::errorOutput() instead of reaching ours, where it could not
+  // be told apart from any other child's.
+  bool captureStderr = false;
 };
 
 // The one place that starts and signals child processes. The manager holds

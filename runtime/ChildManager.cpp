@@ -63,21 +63,31 @@ int memoryFileOf(std::string const& text) {
   return fd;
 }
 
-std::string contentsOf(int fd) {
+// At most the last limit bytes of fd, which is closed.
+std::string contentsOf(int fd, std::size_t limit = std::string::npos) {
   std::string text;
   struct stat st;
-  if (::fstat(fd, &st) != 0) return text;
-  text.resize(std::size_t(st.st_size));
+  if (::fstat(fd, &st) != 0) {
+    ::close(fd);
+    return text;
+  }
+  std::size_t const size = std::size_t(st.st_size);
+  std::size_t const from = size > limit ? size - limit : 0;
+  text.resize(size - from);
   std::size_t done = 0;
   while (done < text.size()) {
-    ssize_t const n = ::pread(fd, text.data() + done, text.size() - done, off_t(done));
+    ssize_t const n = ::pread(fd, text.data() + done, text.size() - done, off_t(from + done));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     done += std::size_t(n);
   }
   text.resize(done);
+  ::close(fd);
   return text;
 }
+
+// A captured stderr: ours when it cannot be made, as it would have been anyway.
+int errorOutputFile(bool wanted) { return wanted ? memoryFileOf({}) : -1; }
 
 }  // namespace
 
@@ -89,6 +99,7 @@ ChildManager::~ChildManager() { childDelAll(); }
 Ptr<ChildSiginfo> ChildManager::run(std::vector<std::string> argv, ChildSetup const& setup) {
   Ptr<ChildSiginfo> child = new ChildSiginfo(std::move(argv));
   child->manager_ = this;
+  child->capturesStderr_ = setup.captureStderr && setup.stderrFd == -1;
   keyIs(*child, setup);
   bool const mergeable = !child->batchKey_.empty();
   // The first child of a turn starts at once; mergeable ones asked for after
@@ -115,7 +126,7 @@ void ChildManager::keyIs(ChildSiginfo& child, ChildSetup const& setup) const {
   if (!batcher_ || setup.batchLimit < 2 || !plain) return;
   child.batchKey_ = batcher_->batchKey(child.argv_);
   if (child.batchKey_.empty()) return;
-  child.batchKey_ += '\0' + std::to_string(setup.batchLimit);
+  child.batchKey_ += '\0' + std::to_string(setup.batchLimit) + (child.capturesStderr_ ? "e" : "");
   child.batchLimit_ = setup.batchLimit;
 }
 
@@ -143,6 +154,7 @@ void ChildManager::childDelAll() {
     child.phase_ = ChildSiginfo::Phase::done;
     child.manager_ = nullptr;
     child.carrier_ = nullptr;
+    if (child.errorOutputFd_ >= 0) ::close(std::exchange(child.errorOutputFd_, -1));
   };
   for (auto* set : {&running, &ending}) {
     for (auto const& child : *set) letGo(*child);
@@ -181,7 +193,16 @@ pid_t ChildManager::launch(Ptr<ChildSiginfo> const& child, ChildSetup const& set
 }
 
 void ChildManager::start(Ptr<ChildSiginfo> const& child, ChildSetup const& setup) {
-  pid_t const pid = launch(child, setup);
+  ChildSetup own = setup;
+  own.stderrFd = child->capturesStderr_ ? errorOutputFile(true) : setup.stderrFd;
+  pid_t const pid = launch(child, own);
+  if (own.stderrFd != setup.stderrFd) {
+    if (pid > 0 && own.stderrFd >= 0) {
+      child->errorOutputFd_ = own.stderrFd;
+    } else if (own.stderrFd >= 0) {
+      ::close(own.stderrFd);
+    }
+  }
   if (pid <= 0) {
     endEarly(child, ChildSiginfo::exited, 127);
     return;
@@ -241,10 +262,12 @@ void ChildManager::startBatch(std::vector<Ptr<ChildSiginfo>> const& members) {
   ChildBatcher::Carrier work = batcher_->carrierOf(members);
   int const input = memoryFileOf(work.input);
   int const output = input < 0 ? -1 : memoryFileOf({});
+  int const errors = output < 0 ? -1 : errorOutputFile(members.front()->capturesStderr_);
   Ptr<ChildSiginfo> carrier = new ChildSiginfo(std::move(work.argv));
   carrier->manager_ = this;
-  pid_t const pid = output < 0 ? 0 : launch(carrier, ChildSetup{input, output, -1, -1});
+  pid_t const pid = output < 0 ? 0 : launch(carrier, ChildSetup{input, output, errors, -1});
   if (input >= 0) ::close(input);
+  carrier->errorOutputFd_ = errors;
   if (pid <= 0) {
     if (output >= 0) ::close(output);
     for (auto const& member : members) endEarly(member, ChildSiginfo::exited, 127);
@@ -261,11 +284,15 @@ void ChildManager::startBatch(std::vector<Ptr<ChildSiginfo>> const& members) {
   for (auto const& member : members) member->pidIs(pid);
 }
 
-void ChildManager::endMembers(ChildSiginfo const& carrier, Batch& batch, ChildBatcher::End end) {
+void ChildManager::endMembers(ChildSiginfo& carrier, Batch& batch, ChildBatcher::End end) {
   std::string const output = contentsOf(batch.outputFd);
-  ::close(batch.outputFd);
   std::vector<ChildBatcher::End> ends(batch.members.size(), end);
   if (batcher_) ends = batcher_->endsOf(batch.members.size(), end, output);
+  std::vector<std::string> errors;
+  if (!carrier.errorOutput_.empty()) {
+    errors = batcher_ ? batcher_->errorOutputsOf(batch.members, ends, carrier.errorOutput_)
+                      : std::vector<std::string>(batch.members.size(), carrier.errorOutput_);
+  }
   std::vector<bool> attached(batch.members.size());
   for (std::size_t i = 0; i < batch.members.size(); ++i) {
     ChildSiginfo& member = *batch.members[i];
@@ -281,7 +308,9 @@ void ChildManager::endMembers(ChildSiginfo const& carrier, Batch& batch, ChildBa
   // next turn as a whole instead of its first child starting alone.
   if (std::count(attached.begin(), attached.end(), true) > 1) startWaitingSoon();
   for (std::size_t i = 0; i < batch.members.size(); ++i) {
-    if (attached[i] && i < ends.size()) batch.members[i]->endedIs(ends[i].code, ends[i].exitStatus);
+    if (!attached[i] || i >= ends.size()) continue;
+    if (i < errors.size()) batch.members[i]->errorOutput_ = std::move(errors[i]);
+    batch.members[i]->endedIs(ends[i].code, ends[i].exitStatus);
   }
 }
 
@@ -325,6 +354,9 @@ void ChildManager::deliverEnd(Ptr<ChildSiginfo> const& child, ChildSiginfo::Sign
   }
   child->phase_ = ChildSiginfo::Phase::done;
   child->manager_ = nullptr;
+  if (child->errorOutputFd_ >= 0) {
+    child->errorOutput_ = contentsOf(std::exchange(child->errorOutputFd_, -1), ChildSiginfo::maxErrorOutput);
+  }
   if (auto batch = batches_.extract(child.ptr())) {
     endMembers(*child, batch.mapped(), {code, exitStatus});
     return;

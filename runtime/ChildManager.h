@@ -105,7 +105,7 @@ class ChildManager {
   // leave the queue.
   std::vector<Ptr<ChildSiginfo>> mergedWith(Ptr<ChildSiginfo> const& head);
   void startBatch(std::vector<Ptr<ChildSiginfo>> const& members);
-  void endMembers(ChildSiginfo const& carrier, Batch& batch, ChildBatcher::End end);
+  void endMembers(ChildSiginfo& carrier, Batch& batch, ChildBatcher::End end);
   void kill(ChildSiginfo& child, int signal);
   void deliverEnd(Ptr<ChildSiginfo> const& child, ChildSiginfo::SignalCode code, int exitStatus);
   // Decides the end of a child that does not run (any more) and reports it.

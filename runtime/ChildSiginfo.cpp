@@ -1,5 +1,7 @@
 #include "runtime/ChildSiginfo.h"
 
+#include <unistd.h>
+
 #include <csignal>
 
 #include "runtime/ActivityManager.h"
@@ -9,7 +11,9 @@
 
 namespace Kel {
 
-ChildSiginfo::~ChildSiginfo() = default;
+ChildSiginfo::~ChildSiginfo() {
+  if (errorOutputFd_ >= 0) ::close(errorOutputFd_);
+}
 
 void ChildSiginfo::kill(int signal) const {
   if (signal <= 0 || signal >= NSIG) throwRangeException("signal " + std::to_string(signal) + " out of range");

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <ostream>
 #include <string>
@@ -39,6 +40,11 @@ class ChildSiginfo : public Entity {
   // The exit status for exited, the signal number for killed and dumped.
   int exitStatus() const { return exitStatus_; }
   std::vector<std::string> const& argv() const { return argv_; }
+  // What the child wrote on stderr, when its setup captured it (at most the
+  // last maxErrorOutput bytes); set when it ends. A child merged with others
+  // gets the lines of their process that concern it.
+  std::string const& errorOutput() const { return errorOutput_; }
+  static constexpr std::size_t maxErrorOutput = 64 * 1024;
 
   // Sends signal to the child. A child that has not started yet is never
   // started and is reported ended as killed by that signal; one that has
@@ -73,6 +79,10 @@ class ChildSiginfo : public Entity {
   // runs alone. The manager's limit is part of it.
   std::string batchKey_;
   std::uint32_t batchLimit_ = 1;
+  bool capturesStderr_ = false;
+  // Owned; the child's stderr while it runs, when captured.
+  int errorOutputFd_ = -1;
+  std::string errorOutput_;
   // The process doing this child's work together with others; raw, the
   // manager holds both and clears it when they part.
   ChildSiginfo* carrier_ = nullptr;

@@ -19,17 +19,21 @@ Argv copyArgv(std::string const& source, std::string const& target, std::string 
   return argv;
 }
 
-// The process that copies both, as the batcher makes it.
-Kel::ChildBatcher::Carrier carrierOf(Argv const& a, Argv const& b) {
-  Kel::ScriptedChildren scripted;
+std::vector<Kel::Ptr<Kel::ChildSiginfo>> membersOf(std::vector<Argv> const& argvs) {
   std::vector<Kel::Ptr<Kel::ChildSiginfo>> members;
-  for (auto const* argv : {&a, &b}) {
+  for (auto const& argv : argvs) {
     std::vector<char const*> pointers;
-    for (auto const& word : *argv) pointers.push_back(word.c_str());
+    for (auto const& word : argv) pointers.push_back(word.c_str());
     pointers.push_back(nullptr);
     members.push_back(Kel::run(pointers.data(), -1, -1, -1, -1));
   }
-  return ReplicateBatcher::instance().carrierOf(members);
+  return members;
+}
+
+// The process that copies both, as the batcher makes it.
+Kel::ChildBatcher::Carrier carrierOf(Argv const& a, Argv const& b) {
+  Kel::ScriptedChildren scripted;
+  return ReplicateBatcher::instance().carrierOf(membersOf({a, b}));
 }
 
 TEST(ReplicateBatcherTest, FilesShareARunOnlyWhenTheirPathsSplitAlikeAndNothingChangesHowRsyncReadsTheList) {
@@ -86,6 +90,23 @@ TEST(ReplicateBatcherTest, OnlyAPartialFailureTellsFilesApartAndAMissingLineIsAF
   EXPECT_EQ((std::vector<int>{ok + 2, ok + 2}), codes(batcher.endsOf(2, {Kel::ChildSiginfo::exited, 2}, "0\n0\n")));
   int const killed = Kel::ChildSiginfo::killed * 1000 + 9;
   EXPECT_EQ((std::vector<int>{killed, killed}), codes(batcher.endsOf(2, {Kel::ChildSiginfo::killed, 9}, "0\n0\n")));
+}
+
+// What the shared process wrote on stderr: a line that names a file, quoted
+// or not, by its path or by its name under the roots, is that file's; the
+// others are every failed file's, and a copied file gets none of them.
+TEST(ReplicateBatcherTest, EachFileGetsTheErrorLinesThatNameItAndFailedOnesTheRest) {
+  Kel::ScriptedChildren scripted;
+  auto const members = membersOf({copyArgv("/srv/a/x.conf", "/backup/a/x.conf"),
+                                  copyArgv("/srv/b/y y", "/backup/b/y y"), copyArgv("/srv/c", "/backup/c")});
+  std::string const x1 = "cannot delete non-empty directory: a/x.conf\n";
+  std::string const x2 = "rsync: [sender] link_stat \"/srv/a/x.conf\" failed\n";
+  std::string const y = "Replicate: cannot copy \"b/y y\": rsync failed\n";
+  std::string const all = "Replicate: host h1: connection reset\n";
+  End const failed{Kel::ChildSiginfo::exited, 1}, copied{Kel::ChildSiginfo::exited, 0};
+  auto const outputs =
+      ReplicateBatcher::instance().errorOutputsOf(members, {failed, failed, copied}, x1 + all + x2 + y + x2);
+  EXPECT_EQ((std::vector<std::string>{x1 + all + x2 + x2, all + y, ""}), outputs);
 }
 
 }  // namespace

@@ -139,6 +139,21 @@ TEST(ChildIntegration, RedirectsStdioAndCopiesWhatAWaitingChildNeeds) {
   EXPECT_EQ(waiting->argv()[4], "queued");
 }
 
+TEST(ChildIntegration, CapturesStderrOfAChildAndOfOneThatWaitedForASlot) {
+  ChildSetup setup;
+  setup.captureStderr = true;
+  char const* loud[] = {"sh", "-c", "echo out; echo first >&2; echo second >&2", nullptr};
+  Ptr<ChildSiginfo> child = run(loud, setup);
+  MaxRunning limit(1);
+  char const* waits[] = {"sh", "-c", "echo later >&2; exit 3", nullptr};
+  Ptr<ChildSiginfo> waiting = run(waits, setup);
+  EXPECT_EQ(waiting->pid(), 0);
+  ASSERT_TRUE(waitEnd({child, waiting}));
+  EXPECT_EQ(child->errorOutput(), "first\nsecond\n");
+  EXPECT_EQ(waiting->errorOutput(), "later\n");
+  EXPECT_EQ(waiting->exitStatus(), 3);
+}
+
 TEST(ChildIntegration, ChildNeitherInheritsBlockedNorIgnoredSignals) {
   struct sigaction ignore {};
   struct sigaction previous {};
