@@ -129,13 +129,23 @@ double EditedFile::edit(int i, std::int64_t guardNs, std::int64_t quietLimitNs) 
 
 CopyTimes timedCommand(std::vector<std::string> const& argv, std::vector<std::string> const& env,
                        std::string const& text, ContentWatch& destinations, std::int64_t guardNs) {
+  return timedCommands({argv}, env, text, destinations, guardNs);
+}
+
+CopyTimes timedCommands(std::vector<std::vector<std::string>> const& argvs, std::vector<std::string> const& env,
+                        std::string const& text, ContentWatch& destinations, std::int64_t guardNs) {
   std::int64_t const t0 = monotonicNs();
-  pid_t const pid = spawn(argv, env);
+  std::vector<pid_t> pids;
+  for (auto const& argv : argvs) pids.push_back(spawn(argv, env));
   std::int64_t const t1 = destinations.await(text, t0 + guardNs);
-  int const status = reap(pid);
+  int status = 0;
+  for (pid_t pid : pids) {
+    int const own = reap(pid);
+    if (status == 0) status = own;
+  }
   std::int64_t const t2 = monotonicNs();
   if (t1 < 0 || status != 0) {
-    throw std::runtime_error(argv[0] + " of one file failed: exit status " + std::to_string(status) +
+    throw std::runtime_error(argvs[0][0] + " of one file failed: exit status " + std::to_string(status) +
                              (t1 < 0 ? ", nothing arrived" : ""));
   }
   return {double(t1 - t0) / 1e6, double(t2 - t0) / 1e6};

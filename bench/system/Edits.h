@@ -72,6 +72,9 @@ struct CopyTimes {
 };
 CopyTimes timedCommand(std::vector<std::string> const& argv, std::vector<std::string> const& env,
                        std::string const& text, ContentWatch& destinations, std::int64_t guardNs);
+// The same with several commands started at once; exitedMs is the last exit.
+CopyTimes timedCommands(std::vector<std::vector<std::string>> const& argvs, std::vector<std::string> const& env,
+                        std::string const& text, ContentWatch& destinations, std::int64_t guardNs);
 
 // The p50 of ours over the floor's, against target times the floor (for
 // information when target is 0).

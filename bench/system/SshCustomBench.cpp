@@ -17,6 +17,7 @@
 #include "bench/system/Measure.h"
 #include "bench/system/Processes.h"
 #include "bench/system/Replicas.h"
+#include "bench/system/SshMaster.h"
 #include "bench/system/SshTarget.h"
 
 namespace SystemBench {
@@ -24,36 +25,6 @@ namespace SystemBench {
 namespace {
 
 constexpr std::int64_t sampleGuardNs = 10'000'000'000;
-
-// ssh as a master of shared connections, in the foreground of a child of
-// ours, so that it ends with the benchmark.
-class Master {
- public:
-  Master(SshTarget const& ssh, std::string socket, std::string const& log) : socket_(std::move(socket)) {
-    pid_ = spawn(ssh.command({"-M", "-N", "-o", "ControlPath=" + socket_, "-p", std::to_string(ssh.port()), "-i",
-                              ssh.key(), "127.0.0.1"}),
-                 ssh.environment(), log);
-    // ssh puts the socket in place once it has logged in.
-    std::int64_t const deadline = monotonicNs() + sampleGuardNs;
-    struct stat status {};
-    while (stat(socket_.c_str(), &status) != 0) {
-      if (monotonicNs() > deadline) throw std::runtime_error("ssh did not connect:\n" + readText(log));
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-  }
-  ~Master() {
-    kill(pid_, SIGTERM);
-    reap(pid_);
-  }
-  Master(Master const&) = delete;
-  Master& operator=(Master const&) = delete;
-
-  std::string const& socket() const { return socket_; }
-
- private:
-  std::string socket_;
-  pid_t pid_ = -1;
-};
 
 }  // namespace
 
@@ -99,7 +70,7 @@ void sshCustomBench(Options const& options, Report& report) {
   }
   std::vector<EditedFile*> agents = {&rsh};
   if (configured) agents.push_back(configured.get());
-  Master const master(*ssh, ssh->directory() / "floor", tree / "master.log");
+  SshMaster const master(*ssh, ssh->directory() / "floor", "127.0.0.1", tree / "master.log", true);
   std::string const floorSource = tree / "src/floor/file.dat";
   std::filesystem::create_directories(tree / "src/floor");
   ContentWatch floorCopy({tree / "dst/floor/file.dat"});
@@ -116,9 +87,9 @@ void sshCustomBench(Options const& options, Report& report) {
     std::string const text = "floor " + std::to_string(i) + "\n";
     writeFile(floorSource, text);
     // --ignore-times as Replicate runs it.
-    CopyTimes const t = timedCommand({"rsync", "-a", "--ignore-times", "-e", "ssh -o ControlPath=" + master.socket(),
-                                      floorSource, "127.0.0.1:" + tree / "dst/floor/file.dat"},
-                                     ssh->environment(), text, floorCopy, sampleGuardNs);
+    CopyTimes const t = timedCommand(
+        {"rsync", "-a", "--ignore-times", "-e", master.rsh(), floorSource, "127.0.0.1:" + tree / "dst/floor/file.dat"},
+        ssh->environment(), text, floorCopy, sampleGuardNs);
     if (i >= warmUp) floor.push_back(t.arrivedMs);
   };
   std::size_t const turns = agents.size() + 1;
