@@ -51,7 +51,8 @@ std::string errorText(std::string_view output) {
 
 class ReplicationSm::KelRequesterConfig : public Kel::NestedReactor<ReplicationSm, RequesterConfig::NotifieeConst> {
  public:
-  using NestedReactor::NestedReactor;
+  // One of these a file: the other files' comings and goings are not ours.
+  explicit KelRequesterConfig(ReplicationSm* owner) : NestedReactor(owner) { ignoresEntriesIs(true); }
   void onNotifier() override { owner()->handleEnabled(); }
   void onEnabled() override { owner()->handleEnabled(); }
   // A host added, removed or changed may turn a local copy onto itself into

@@ -27,12 +27,12 @@ void RequesterConfig::fileIs(Kel::Ptr<FileConfig> const& f) {
   auto const* present = file_.find(f->path());
   if (present && *present == f) return;
   file_.insert(f->path(), f);
-  notify<Notifiee>(&Notifiee::onFile, f->path());
+  notifyEntry<Notifiee>(&Notifiee::onFile, f->path());
 }
 
 void RequesterConfig::fileDel(Kel::Name path) {
   // Keep the entity alive until the reactors have seen it go.
-  if (auto removed = file_.erase(path)) notify<Notifiee>(&Notifiee::onFile, path);
+  if (auto removed = file_.erase(path)) notifyEntry<Notifiee>(&Notifiee::onFile, path);
 }
 
 void RequesterConfig::fileDelAll() {
@@ -41,7 +41,7 @@ void RequesterConfig::fileDelAll() {
   std::swap(removed, file_);
   // Machines act on each file that went; the whole collection's notice
   // alone would leave them running on removed configuration.
-  for (auto const& [path, f] : removed) notify<Notifiee>(&Notifiee::onFile, path);
+  for (auto const& [path, f] : removed) notifyEntry<Notifiee>(&Notifiee::onFile, path);
   notify<Notifiee>(&Notifiee::onFile);
 }
 

@@ -28,7 +28,7 @@ class Entity : public PtrInterface {
   // per-reactor state (the clock's timers) extends reactorDel.
   void reactorIs(Reactor* r) const {
     r->slot_ = reactors_.size();
-    reactors_.push_back(r);
+    reactors_.push_back(reinterpret_cast<std::uintptr_t>(r) | (r->ignoresEntries() ? ignoresEntries : 0));
   }
   virtual void reactorDel(Reactor* r) const;
 
@@ -39,13 +39,40 @@ class Entity : public PtrInterface {
   // overloaded callback (onX(key) beside onX()) resolves by them.
   template <class N, class... Args>
   void notify(void (N::*callback)(std::type_identity_t<Args>...), Args const&... args) const {
+    deliver<N>(0, callback, args...);
+  }
+  // The same for a notification about one entry of a collection that may be
+  // large; reactors that ignore entries are passed over without being read.
+  template <class N, class... Args>
+  void notifyEntry(void (N::*callback)(std::type_identity_t<Args>...), Args const&... args) const {
+    deliver<N>(ignoresEntries, callback, args...);
+  }
+
+  void zeroReferencesIs() override;
+
+ private:
+  struct Delivery {
+    Delivery* outer;
+    bool notifierGone = false;
+  };
+
+  // A bound reactor's entry: its address, with the low bit (free, as a
+  // reactor is aligned) set when it ignores entries; 0 for a vacancy.
+  static constexpr std::uintptr_t ignoresEntries = 1;
+  static Reactor* reactorOf(std::uintptr_t entry) { return reinterpret_cast<Reactor*>(entry & ~ignoresEntries); }
+
+  // skipped: entries with this bit get nothing.
+  template <class N, class... Args>
+  void deliver(std::uintptr_t skipped, void (N::*callback)(std::type_identity_t<Args>...), Args const&... args) const {
     if (reactors_.empty() || !hasNotificationActive_) return;
     Delivery d{deliveries_};
     deliveries_ = &d;
     std::exception_ptr failure;
     std::size_t const n = reactors_.size();
     for (std::size_t i = 0; i < n && !d.notifierGone; ++i) {
-      Reactor* r = reactors_[i];
+      std::uintptr_t const entry = reactors_[i];
+      if (entry & skipped) continue;
+      Reactor* r = reactorOf(entry);
       if (!r || r->markedForDeletion()) continue;
       // A callback may drop the last pointer to its own reactor and then
       // throw; the catch below still talks to it. A reactor that lives as a
@@ -64,19 +91,11 @@ class Entity : public PtrInterface {
     if (!d.notifierGone) endDelivery(d);
     if (failure) std::rethrow_exception(failure);
   }
-
-  void zeroReferencesIs() override;
-
- private:
-  struct Delivery {
-    Delivery* outer;
-    bool notifierGone = false;
-  };
   void endDelivery(Delivery& d) const;
   void compact() const;
 
   bool hasNotificationActive_ = true;
-  mutable std::vector<Reactor*> reactors_;
+  mutable std::vector<std::uintptr_t> reactors_;
   mutable std::uint32_t vacancies_ = 0;
   mutable Delivery* deliveries_ = nullptr;
 };

@@ -24,12 +24,22 @@ class Reactor : public PtrInterface {
   // The notifier's last reference went.
   virtual void onZeroReferences() {}
 
+  // Whether this reactor is spared the notifications a notifier sends per
+  // entry of a collection that may be large (Entity::notifyEntry). One of
+  // many reactors on a notifier, a machine per file under its requester's
+  // configuration, has no use for the other files' entries, and being
+  // skipped costs nothing: adding a file then does not cost a call per file.
+  // Takes effect when the reactor is bound.
+  bool ignoresEntries() const { return ignoresEntries_; }
+  void ignoresEntriesIs(bool v) { ignoresEntries_ = v; }
+
  protected:
   friend class Entity;
   ~Reactor() override = default;
 
  private:
   bool markedForDeletion_ = false;
+  bool ignoresEntries_ = false;
   // Position in the bound notifier's list, so unbinding costs O(1).
   std::size_t slot_ = 0;
 };

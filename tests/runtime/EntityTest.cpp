@@ -22,6 +22,8 @@ class Thing : public Kel::Entity {
   void valueIs(int v) {
     if (Kel::changed(value_, v)) notify(&NotifieeConst::onValue);
   }
+  // As a collection tells of one of its entries.
+  void entryChanged() const { notifyEntry(&NotifieeConst::onValue); }
 
  private:
   int value_ = 0;
@@ -59,6 +61,23 @@ TEST(EntityTest, BindingNotifiesCatchUpAndChangesReachEveryReactorOnce) {
   thing->valueIs(2);
   EXPECT_EQ((std::vector<std::string>{"a"}), log);
   EXPECT_EQ(1u, thing->reactors());
+}
+
+TEST(EntityTest, AReactorThatIgnoresEntriesGetsEverythingElseInOrderAndUnbinds) {
+  std::vector<std::string> log;
+  auto thing = Thing::ThingIs();
+  Kel::Ptr<Recorder> a(new Recorder("a", &log)), quiet(new Recorder("quiet", &log)), c(new Recorder("c", &log));
+  quiet->ignoresEntriesIs(true);
+  for (auto* r : {&a, &quiet, &c}) (*r)->notifierIs(thing);
+  log.clear();
+  thing->entryChanged();
+  thing->valueIs(1);
+  EXPECT_EQ((std::vector<std::string>{"a", "c", "a", "quiet", "c"}), log);
+  quiet->notifierIs(nullptr);
+  log.clear();
+  thing->valueIs(2);
+  EXPECT_EQ((std::vector<std::string>{"a", "c"}), log);
+  EXPECT_EQ(2u, thing->reactors());
 }
 
 TEST(EntityTest, MarkedForDeletionAndUnboundReactorsGetNothing) {
