@@ -36,11 +36,6 @@ ConfigSm::~ConfigSm() { doCleanup(); }
 
 Kel::Ptr<Config const> ConfigSm::config() const { return config_->notifier(); }
 
-Kel::Ptr<RequesterConfigSmBase> ConfigSm::requesterConfigSm(Kel::Name name) const {
-  auto const* sm = requesterConfigSm_.find(name);
-  return sm ? *sm : nullptr;
-}
-
 void ConfigSm::requesterConfigSmIs(Kel::Ptr<RequesterConfigSmBase> const& sm) {
   if (!sm) {
     Kel::throwRangeException(
@@ -51,15 +46,11 @@ void ConfigSm::requesterConfigSmIs(Kel::Ptr<RequesterConfigSmBase> const& sm) {
 }
 
 Kel::Ptr<RequesterConfigSmBase> ConfigSm::requesterConfigSmDel(Kel::Name name) {
-  auto removed = requesterConfigSm_.erase(name);
-  return removed ? std::move(*removed) : nullptr;
+  return requesterConfigSm_.erase(name).value_or(nullptr);
 }
 
-void ConfigSm::requesterConfigSmDelAll() {
-  // One at a time, so each machine goes while the rest are still consistent.
-  while (requesterConfigSm_.popFront()) {
-  }
-}
+// One at a time, so each machine goes while the rest are still consistent.
+void ConfigSm::requesterConfigSmDelAll() { requesterConfigSm_.eraseAll(); }
 
 void ConfigSm::handleRequesterConfig() {
   KEL_TRACE(3, __PRETTY_FUNCTION__ << ": ");

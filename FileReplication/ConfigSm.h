@@ -3,9 +3,9 @@
 #include "FileReplication/FileReplicationSm.h"
 #include "entities/Config.h"
 #include "entities/Status.h"
-#include "runtime/Collection.h"
 #include "runtime/Entity.h"
 #include "runtime/NestedReactor.h"
+#include "runtime/NotifyingCollection.h"
 
 namespace FileReplication {
 
@@ -14,13 +14,13 @@ namespace FileReplication {
 // each of them.
 class ConfigSm : public Kel::Entity {
  public:
-  using RequesterConfigSmCollection = Kel::Collection<Kel::Name, Kel::Ptr<RequesterConfigSmBase>>;
+  using RequesterConfigSmCollection = Kel::NotifyingCollection<Kel::Name, Kel::Ptr<RequesterConfigSmBase>>;
 
   static Kel::Ptr<ConfigSm> ConfigSmIs(Kel::Ptr<Config const> config, Kel::Ptr<Status> status);
 
   Kel::Ptr<Config const> config() const;
   Kel::Ptr<Status> status() const { return status_; }
-  Kel::Ptr<RequesterConfigSmBase> requesterConfigSm(Kel::Name name) const;
+  Kel::Ptr<RequesterConfigSmBase> requesterConfigSm(Kel::Name name) const { return requesterConfigSm_.value(name); }
   RequesterConfigSmCollection const& requesterConfigSm() const { return requesterConfigSm_; }
   void requesterConfigSmIs(Kel::Ptr<RequesterConfigSmBase> const& sm);
   Kel::Ptr<RequesterConfigSmBase> requesterConfigSmDel(Kel::Name name);

@@ -31,8 +31,7 @@ void InotifyDirSm::dirWatchDel() {
 }
 
 Kel::Ptr<ReplicationSm> InotifyDirSm::replicationSm(Kel::String const& fileName) const {
-  auto const* sm = replicationSm_.find(fileName);
-  return sm ? *sm : nullptr;
+  return replicationSm_.value(fileName);
 }
 
 Kel::Ptr<ReplicationSm> InotifyDirSm::replicationSmIs(Kel::String const& fileName,
@@ -52,10 +51,7 @@ Kel::Ptr<ReplicationSm> InotifyDirSm::replicationSmIs(Kel::String const& fileNam
 
 void InotifyDirSm::replicationSmDel(Kel::String const& fileName) { replicationSm_.erase(fileName); }
 
-void InotifyDirSm::replicationSmDelAll() {
-  while (replicationSm_.popFront()) {
-  }
-}
+void InotifyDirSm::replicationSmDelAll() { replicationSm_.eraseAll(); }
 
 void InotifyDirSm::linkTargetIs(Kel::String const& fileName, Kel::Ptr<ReplicationSm> const& sm) {
   linkTarget_.emplace(fileName, sm);
@@ -135,8 +131,7 @@ InotifyRequesterConfigSm::InotifyRequesterConfigSm(Kel::Name name, Kel::Ptr<Requ
 
 InotifyRequesterConfigSm::~InotifyRequesterConfigSm() {
   linkTarget_ = LinkTargetCollection();
-  while (dirSm_.popFront()) {
-  }
+  dirSm_.eraseAll();
 }
 
 Kel::Ptr<InotifyMonitor> InotifyRequesterConfigSm::inotifyMonitor() const {
@@ -144,16 +139,10 @@ Kel::Ptr<InotifyMonitor> InotifyRequesterConfigSm::inotifyMonitor() const {
   return watches ? watches->inotifyMonitor() : nullptr;
 }
 
-Kel::Ptr<InotifyDirSm> InotifyRequesterConfigSm::dirSm(Kel::String const& path) const {
-  auto const* dsm = dirSm_.find(path);
-  return dsm ? *dsm : nullptr;
-}
+Kel::Ptr<InotifyDirSm> InotifyRequesterConfigSm::dirSm(Kel::String const& path) const { return dirSm_.value(path); }
 
 Kel::Ptr<InotifyDirSm> InotifyRequesterConfigSm::dirSmIs(Kel::String const& path) {
-  if (auto present = dirSm(path)) return present;
-  auto dsm = InotifyDirSm::InotifyDirSmIs(this, path);
-  dirSm_.insert(path, dsm);
-  return dsm;
+  return dirSm_.findOrInsert(path, [this](Kel::String const& p) { return InotifyDirSm::InotifyDirSmIs(this, p); });
 }
 
 void InotifyRequesterConfigSm::dirSmDel(Kel::String const& path) {

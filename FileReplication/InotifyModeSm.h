@@ -7,7 +7,7 @@
 #include "FileReplication/FileReplicationSm.h"
 #include "FileReplication/Inotify.h"
 #include "FileReplication/ReplicationSm.h"
-#include "runtime/Collection.h"
+#include "runtime/NotifyingCollection.h"
 
 namespace FileReplication {
 
@@ -19,7 +19,7 @@ class InotifyRequesterConfigSm;
 // name in this directory are asked too when that name changes.
 class InotifyDirSm : public Kel::Entity, private DirWatch::Listener {
  public:
-  using ReplicationSmCollection = Kel::Collection<Kel::String, Kel::Ptr<ReplicationSm>>;
+  using ReplicationSmCollection = Kel::NotifyingCollection<Kel::String, Kel::Ptr<ReplicationSm>>;
   using LinkTargetCollection = std::multimap<Kel::String, Kel::Ptr<ReplicationSm>>;
 
   static Kel::Ptr<InotifyDirSm> InotifyDirSmIs(InotifyRequesterConfigSm* owner, Kel::String path);
@@ -74,7 +74,7 @@ class InotifyDirSm : public Kel::Entity, private DirWatch::Listener {
 // what it watches, is shared by all of them.
 class InotifyRequesterConfigSm : public RequesterConfigSmBase {
  public:
-  using DirSmCollection = Kel::Collection<Kel::String, Kel::Ptr<InotifyDirSm>>;
+  using DirSmCollection = Kel::NotifyingCollection<Kel::String, Kel::Ptr<InotifyDirSm>>;
   using LinkTargetCollection = Kel::Collection<Kel::String, Kel::String>;
 
   static Kel::Ptr<InotifyRequesterConfigSm> InotifyRequesterConfigSmIs(Kel::Name name,

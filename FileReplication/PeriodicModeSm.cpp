@@ -29,28 +29,19 @@ PeriodicRequesterConfigSm::PeriodicRequesterConfigSm(Kel::Name name, Kel::Ptr<Re
 PeriodicRequesterConfigSm::~PeriodicRequesterConfigSm() { replicationSmDelAll(); }
 
 Kel::Ptr<ReplicationSm> PeriodicRequesterConfigSm::replicationSm(Kel::String const& key) const {
-  auto const* sm = replicationSm_.find(key);
-  return sm ? *sm : nullptr;
+  return replicationSm_.value(key);
 }
 
 Kel::Ptr<ReplicationSm> PeriodicRequesterConfigSm::replicationSmIs(Kel::String const& key,
                                                                    Kel::Ptr<RequesterConfig const> requesterConfig,
                                                                    Kel::Ptr<FileConfig const> fileConfig,
                                                                    Kel::Ptr<FileStatus> fileStatus) {
-  if (auto present = replicationSm(key)) {
-    present->fileConfigIs(fileConfig);
-    return present;
-  }
-  return newReplicationSm(key, std::move(requesterConfig), std::move(fileConfig), std::move(fileStatus));
-}
-
-Kel::Ptr<ReplicationSm> PeriodicRequesterConfigSm::newReplicationSm(Kel::String const& key,
-                                                                    Kel::Ptr<RequesterConfig const> requesterConfig,
-                                                                    Kel::Ptr<FileConfig const> fileConfig,
-                                                                    Kel::Ptr<FileStatus> fileStatus) {
-  auto sm = ReplicationSm::ReplicationSmIs(key, std::move(requesterConfig), std::move(fileConfig),
-                                           std::move(fileStatus), requesterStatus());
-  replicationSm_.insert(key, sm);
+  auto sm = replicationSm_.findOrInsert(key, [&](Kel::String const& k) {
+    return ReplicationSm::ReplicationSmIs(k, std::move(requesterConfig), fileConfig, std::move(fileStatus),
+                                          requesterStatus());
+  });
+  // One that was there already takes the given configuration; a new one has it.
+  sm->fileConfigIs(fileConfig);
   return sm;
 }
 
@@ -59,10 +50,7 @@ void PeriodicRequesterConfigSm::replicationSmDel(Kel::String const& key) {
   replicationSm_.erase(key);
 }
 
-void PeriodicRequesterConfigSm::replicationSmDelAll() {
-  while (replicationSm_.popFront()) {
-  }
-}
+void PeriodicRequesterConfigSm::replicationSmDelAll() { replicationSm_.eraseAll(); }
 
 Kel::Ptr<Kel::Clock const> PeriodicRequesterConfigSm::clock() const { return clock_ ? clock_->notifier() : nullptr; }
 

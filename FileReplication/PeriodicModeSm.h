@@ -3,8 +3,8 @@
 #include "FileReplication/FileReplicationSm.h"
 #include "FileReplication/ReplicationSm.h"
 #include "runtime/Clock.h"
-#include "runtime/Collection.h"
 #include "runtime/NestedReactor.h"
+#include "runtime/NotifyingCollection.h"
 
 namespace FileReplication {
 
@@ -12,7 +12,7 @@ namespace FileReplication {
 // file, all asked to replicate every period seconds while enabled.
 class PeriodicRequesterConfigSm : public RequesterConfigSmBase {
  public:
-  using ReplicationSmCollection = Kel::Collection<Kel::String, Kel::Ptr<ReplicationSm>>;
+  using ReplicationSmCollection = Kel::NotifyingCollection<Kel::String, Kel::Ptr<ReplicationSm>>;
 
   static Kel::Ptr<PeriodicRequesterConfigSm> PeriodicRequesterConfigSmIs(
       Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig, Kel::Ptr<RequesterStatus> requesterStatus);
@@ -49,9 +49,6 @@ class PeriodicRequesterConfigSm : public RequesterConfigSmBase {
 
  private:
   class KelClock;
-
-  Kel::Ptr<ReplicationSm> newReplicationSm(Kel::String const& key, Kel::Ptr<RequesterConfig const> requesterConfig,
-                                           Kel::Ptr<FileConfig const> fileConfig, Kel::Ptr<FileStatus> fileStatus);
 
   ReplicationSmCollection replicationSm_;
   Kel::Nested<KelClock> clock_;

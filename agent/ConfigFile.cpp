@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <optional>
 #include <span>
 #include <sstream>
@@ -24,6 +23,7 @@
 #include "agent/TreeEntry.h"
 #include "runtime/Exception.h"
 #include "tools/Replicate/HostAddress.h"
+#include "tools/Replicate/Printable.h"
 #include "tools/Replicate/ShellWords.h"
 
 namespace Agent {
@@ -81,27 +81,8 @@ constexpr TimeSetting timeSettings[] = {
     {"deleteDelay", &RequesterSettings::deleteDelay, 0, true},
 };
 
-std::string quoted(std::string_view s) {
-  std::string q = "\"";
-  for (char c : s) {
-    auto const u = static_cast<unsigned char>(c);
-    if (c == '"' || c == '\\') {
-      q += '\\';
-      q += c;
-    } else if (c == '\n') {
-      q += "\\n";
-    } else if (c == '\t') {
-      q += "\\t";
-    } else if (u < 0x20 || u == 0x7f) {
-      char hex[8];
-      std::snprintf(hex, sizeof hex, "\\x%02x", u);
-      q += hex;
-    } else {
-      q += c;
-    }
-  }
-  return q + '"';
-}
+// Names in messages are quoted as Replicate quotes them.
+std::string quoted(std::string_view s) { return Replicate::printable(s); }
 
 std::string joined(Keys keys) {
   std::string text;

@@ -11,6 +11,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "runtime/OwnedDescriptor.h"
+
 namespace Agent {
 
 namespace {
@@ -18,20 +20,6 @@ namespace {
 constexpr std::size_t readChunk = 64 * 1024;
 
 [[noreturn]] void fail(std::string const& message) { throw std::runtime_error(message); }
-
-class Socket {
- public:
-  Socket() : descriptor_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    if (descriptor_ < 0) fail(std::string("cannot create a socket: ") + std::strerror(errno));
-  }
-  ~Socket() { close(descriptor_); }
-  Socket(Socket const&) = delete;
-  Socket& operator=(Socket const&) = delete;
-  int descriptor() const { return descriptor_; }
-
- private:
-  int descriptor_;
-};
 
 std::string secondsText(double seconds) {
   std::ostringstream text;
@@ -62,8 +50,9 @@ nlohmann::json request(std::string const& socketPath, nlohmann::json const& mess
   }
   std::memcpy(address.sun_path, socketPath.data(), socketPath.size());
 
-  Socket const connection;
-  int const fd = connection.descriptor();
+  Kel::OwnedDescriptor const connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  int const fd = connection.get();
+  if (fd < 0) fail(std::string("cannot create a socket: ") + std::strerror(errno));
   timeoutIs(fd, SO_RCVTIMEO, timeoutSeconds);
   timeoutIs(fd, SO_SNDTIMEO, timeoutSeconds);
   if (connect(fd, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {

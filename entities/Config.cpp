@@ -6,11 +6,6 @@ namespace FileReplication {
 
 using Notifiee = Config::NotifieeConst;
 
-Kel::Ptr<RequesterConfig> Config::requester(Kel::Name name) const {
-  auto const* r = requester_.find(name);
-  return r ? *r : nullptr;
-}
-
 Kel::Ptr<RequesterConfig> Config::newRequester(Kel::Name name, RequesterConfig::Mode mode) {
   if (auto present = requester(name)) {
     if (present->mode() != mode) throw Kel::NameInUseException("requester " + name.str() + " exists with another mode");
@@ -28,20 +23,13 @@ void Config::requesterIs(Kel::Ptr<RequesterConfig> const& r) {
   // replaces leaves first, as a removal.
   if (present) requesterDel(r->name());
   requester_.insert(r->name(), r);
-  notify<Notifiee>(&Notifiee::onRequester, r->name());
 }
 
-void Config::requesterDel(Kel::Name name) {
-  if (auto removed = requester_.erase(name)) notify<Notifiee>(&Notifiee::onRequester, name);
-}
+void Config::requesterDel(Kel::Name name) { requester_.erase(name); }
 
 void Config::requesterDelAll() {
-  if (requester_.empty()) return;
-  RequesterCollection removed;
-  std::swap(removed, requester_);
   // Each requester's machine goes with it, as for requesterDel.
-  for (auto const& [name, r] : removed) notify<Notifiee>(&Notifiee::onRequester, name);
-  notify<Notifiee>(&Notifiee::onRequester);
+  if (requester_.eraseAll()) notify<Notifiee>(&Notifiee::onRequester);
 }
 
 }  // namespace FileReplication

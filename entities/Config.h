@@ -1,9 +1,9 @@
 #pragma once
 
 #include "entities/RequesterConfig.h"
-#include "runtime/Collection.h"
 #include "runtime/Entity.h"
 #include "runtime/Name.h"
+#include "runtime/NotifyingCollection.h"
 
 namespace FileReplication {
 
@@ -17,11 +17,11 @@ class Config : public Kel::Entity {
   };
   using Notifiee = NotifieeConst;
 
-  using RequesterCollection = Kel::Collection<Kel::Name, Kel::Ptr<RequesterConfig>>;
+  using RequesterCollection = Kel::NotifyingCollection<Kel::Name, Kel::Ptr<RequesterConfig>>;
 
   static Kel::Ptr<Config> ConfigIs() { return new Config(); }
 
-  Kel::Ptr<RequesterConfig> requester(Kel::Name name) const;
+  Kel::Ptr<RequesterConfig> requester(Kel::Name name) const { return requester_.value(name); }
   RequesterCollection const& requester() const { return requester_; }
   std::size_t requesters() const { return requester_.size(); }
   // Creates and adds a requester; an existing one of that name and mode is
@@ -37,7 +37,7 @@ class Config : public Kel::Entity {
   Config() = default;
 
  private:
-  RequesterCollection requester_;
+  RequesterCollection requester_{[this](Kel::Name const& name) { notify<Notifiee>(&Notifiee::onRequester, name); }};
 };
 
 }  // namespace FileReplication

@@ -12,53 +12,28 @@ void RequesterConfig::enabledIs(bool v) {
   if (Kel::changed(enabled_, v)) notify(&Notifiee::onEnabled);
 }
 
-Kel::Ptr<FileConfig> RequesterConfig::file(Kel::Name path) const {
-  auto const* f = file_.find(path);
-  return f ? *f : nullptr;
-}
-
 Kel::Ptr<FileConfig> RequesterConfig::newFile(Kel::Name path, Kel::String dstPath, Kel::String rsyncOptions) {
   auto f = FileConfig::FileConfigIs(path, std::move(dstPath), std::move(rsyncOptions));
   fileIs(f);
   return f;
 }
 
-void RequesterConfig::fileIs(Kel::Ptr<FileConfig> const& f) {
-  auto const* present = file_.find(f->path());
-  if (present && *present == f) return;
-  file_.insert(f->path(), f);
-  notifyEntry<Notifiee>(&Notifiee::onFile, f->path());
-}
+void RequesterConfig::fileIs(Kel::Ptr<FileConfig> const& f) { file_.insert(f->path(), f); }
 
-void RequesterConfig::fileDel(Kel::Name path) {
-  // Keep the entity alive until the reactors have seen it go.
-  if (auto removed = file_.erase(path)) notifyEntry<Notifiee>(&Notifiee::onFile, path);
-}
+void RequesterConfig::fileDel(Kel::Name path) { file_.erase(path); }
 
 void RequesterConfig::fileDelAll() {
-  if (file_.empty()) return;
-  FileCollection removed;
-  std::swap(removed, file_);
   // Machines act on each file that went; the whole collection's notice
   // alone would leave them running on removed configuration.
-  for (auto const& [path, f] : removed) notifyEntry<Notifiee>(&Notifiee::onFile, path);
-  notify<Notifiee>(&Notifiee::onFile);
+  if (file_.eraseAll()) notify<Notifiee>(&Notifiee::onFile);
 }
 
-void RequesterConfig::remoteHostIs(Kel::String const& hostOrIp) {
-  if (remoteHost_.insert(hostOrIp, RemoteHost(hostOrIp))) notify<Notifiee>(&Notifiee::onRemoteHost, hostOrIp);
-}
+void RequesterConfig::remoteHostIs(Kel::String const& hostOrIp) { remoteHost_.insert(hostOrIp, RemoteHost(hostOrIp)); }
 
-void RequesterConfig::remoteHostDel(Kel::String const& hostOrIp) {
-  // A copy: the caller may pass the entry's own key, which the erase frees.
-  Kel::String const key = hostOrIp;
-  if (remoteHost_.erase(key)) notify<Notifiee>(&Notifiee::onRemoteHost, key);
-}
+void RequesterConfig::remoteHostDel(Kel::String const& hostOrIp) { remoteHost_.erase(hostOrIp); }
 
 void RequesterConfig::remoteHostDelAll() {
-  if (remoteHost_.empty()) return;
-  remoteHost_ = RemoteHostCollection();
-  notify<Notifiee>(&Notifiee::onRemoteHost);
+  if (remoteHost_.clear()) notify<Notifiee>(&Notifiee::onRemoteHost);
 }
 
 Kel::String RequesterConfig::remoteHostsString() const {

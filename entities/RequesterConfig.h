@@ -5,9 +5,9 @@
 
 #include "entities/FileConfig.h"
 #include "entities/RemoteHost.h"
-#include "runtime/Collection.h"
 #include "runtime/Entity.h"
 #include "runtime/Name.h"
+#include "runtime/NotifyingCollection.h"
 #include "runtime/String.h"
 
 namespace FileReplication {
@@ -35,8 +35,8 @@ class RequesterConfig : public Kel::Entity {
   };
   using Notifiee = NotifieeConst;
 
-  using FileCollection = Kel::Collection<Kel::Name, Kel::Ptr<FileConfig>>;
-  using RemoteHostCollection = Kel::Collection<Kel::String, RemoteHost>;
+  using FileCollection = Kel::NotifyingCollection<Kel::Name, Kel::Ptr<FileConfig>>;
+  using RemoteHostCollection = Kel::NotifyingCollection<Kel::String, RemoteHost>;
 
   static Kel::Ptr<RequesterConfig> RequesterConfigIs(Kel::Name name, Mode mode) {
     return new RequesterConfig(name, mode);
@@ -50,7 +50,7 @@ class RequesterConfig : public Kel::Entity {
   bool enabled() const { return enabled_; }
   void enabledIs(bool v);
 
-  Kel::Ptr<FileConfig> file(Kel::Name path) const;
+  Kel::Ptr<FileConfig> file(Kel::Name path) const { return file_.value(path); }
   FileCollection const& file() const { return file_; }
   std::size_t files() const { return file_.size(); }
   Kel::Ptr<FileConfig> newFile(Kel::Name path, Kel::String dstPath, Kel::String rsyncOptions);
@@ -99,8 +99,11 @@ class RequesterConfig : public Kel::Entity {
   Kel::Name name_;
   Mode mode_;
   bool enabled_ = false;
-  FileCollection file_;
-  RemoteHostCollection remoteHost_;
+  // Told as entries: the machine of every file listens here for the
+  // requester's settings, not for the other files.
+  FileCollection file_{[this](Kel::Name const& path) { notifyEntry<Notifiee>(&Notifiee::onFile, path); }};
+  RemoteHostCollection remoteHost_{
+      [this](Kel::String const& hostOrIp) { notify<Notifiee>(&Notifiee::onRemoteHost, hostOrIp); }};
   double replicationTimeout_ = 60;
   double period_ = 60;
   double retryInterval_ = 10;

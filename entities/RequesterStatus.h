@@ -3,9 +3,9 @@
 #include <cstdint>
 
 #include "entities/FileStatus.h"
-#include "runtime/Collection.h"
 #include "runtime/Entity.h"
 #include "runtime/Name.h"
+#include "runtime/NotifyingCollection.h"
 
 namespace FileReplication {
 
@@ -23,28 +23,17 @@ class RequesterStatus : public Kel::Entity {
   };
   using Notifiee = NotifieeConst;
 
-  using FileCollection = Kel::Collection<Kel::Name, Kel::Ptr<FileStatus>>;
+  using FileCollection = Kel::NotifyingCollection<Kel::Name, Kel::Ptr<FileStatus>>;
 
   static Kel::Ptr<RequesterStatus> RequesterStatusIs(Kel::Name name) { return new RequesterStatus(name); }
 
   Kel::Name name() const { return name_; }
-  Kel::Ptr<FileStatus> file(Kel::Name path) const {
-    auto const* f = file_.find(path);
-    return f ? *f : nullptr;
-  }
+  Kel::Ptr<FileStatus> file(Kel::Name path) const { return file_.value(path); }
   FileCollection const& file() const { return file_; }
   std::size_t files() const { return file_.size(); }
   // Creates the entry, or returns the existing one as it stands.
-  Kel::Ptr<FileStatus> fileIs(Kel::Name path) {
-    if (auto present = file(path)) return present;
-    auto f = FileStatus::FileStatusIs(path);
-    file_.insert(path, f);
-    notify<NotifieeConst>(&NotifieeConst::onFile, path);
-    return f;
-  }
-  void fileDel(Kel::Name path) {
-    if (auto removed = file_.erase(path)) notify<NotifieeConst>(&NotifieeConst::onFile, path);
-  }
+  Kel::Ptr<FileStatus> fileIs(Kel::Name path) { return file_.findOrInsert(path, FileStatus::FileStatusIs); }
+  void fileDel(Kel::Name path) { file_.erase(path); }
   // How often the kernel dropped events of this requester's watches, so
   // that every file was replicated again.
   std::uint32_t overflows() const { return overflows_; }
@@ -77,7 +66,7 @@ class RequesterStatus : public Kel::Entity {
 
  private:
   Kel::Name name_;
-  FileCollection file_;
+  FileCollection file_{[this](Kel::Name const& path) { notify<Notifiee>(&Notifiee::onFile, path); }};
   std::uint32_t overflows_ = 0;
   std::uint64_t runsStarted_ = 0;
   std::uint64_t runsSucceeded_ = 0;

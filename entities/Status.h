@@ -1,9 +1,9 @@
 #pragma once
 
 #include "entities/RequesterStatus.h"
-#include "runtime/Collection.h"
 #include "runtime/Entity.h"
 #include "runtime/Name.h"
+#include "runtime/NotifyingCollection.h"
 
 namespace FileReplication {
 
@@ -17,39 +17,27 @@ class Status : public Kel::Entity {
   };
   using Notifiee = NotifieeConst;
 
-  using RequesterCollection = Kel::Collection<Kel::Name, Kel::Ptr<RequesterStatus>>;
+  using RequesterCollection = Kel::NotifyingCollection<Kel::Name, Kel::Ptr<RequesterStatus>>;
 
   static Kel::Ptr<Status> StatusIs() { return new Status(); }
 
-  Kel::Ptr<RequesterStatus> requester(Kel::Name name) const {
-    auto const* r = requester_.find(name);
-    return r ? *r : nullptr;
-  }
+  Kel::Ptr<RequesterStatus> requester(Kel::Name name) const { return requester_.value(name); }
   RequesterCollection const& requester() const { return requester_; }
   std::size_t requesters() const { return requester_.size(); }
   // Creates the entry, or returns the existing one as it stands.
   Kel::Ptr<RequesterStatus> requesterIs(Kel::Name name) {
-    if (auto present = requester(name)) return present;
-    auto r = RequesterStatus::RequesterStatusIs(name);
-    requester_.insert(name, r);
-    notify<NotifieeConst>(&NotifieeConst::onRequester, name);
-    return r;
+    return requester_.findOrInsert(name, RequesterStatus::RequesterStatusIs);
   }
-  void requesterDel(Kel::Name name) {
-    if (auto removed = requester_.erase(name)) notify<NotifieeConst>(&NotifieeConst::onRequester, name);
-  }
+  void requesterDel(Kel::Name name) { requester_.erase(name); }
   void requesterDelAll() {
-    if (requester_.empty()) return;
-    RequesterCollection removed;
-    std::swap(removed, requester_);
-    notify<NotifieeConst>(&NotifieeConst::onRequester);
+    if (requester_.clear()) notify<Notifiee>(&Notifiee::onRequester);
   }
 
  protected:
   Status() = default;
 
  private:
-  RequesterCollection requester_;
+  RequesterCollection requester_{[this](Kel::Name const& name) { notify<Notifiee>(&Notifiee::onRequester, name); }};
 };
 
 }  // namespace FileReplication

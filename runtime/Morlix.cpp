@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "runtime/Exception.h"
+#include "runtime/OwnedDescriptor.h"
 
 namespace Morlix {
 
@@ -169,21 +170,6 @@ std::string headerProblem(FileHeader const& header, std::uint64_t fileSize) {
   return {};
 }
 
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(Descriptor const&) = delete;
-  Descriptor& operator=(Descriptor const&) = delete;
-  int get() const { return fd_; }
-  int release() { return std::exchange(fd_, -1); }
-
- private:
-  int fd_;
-};
-
 void readAt(int fd, void* target, std::size_t size, off_t offset, std::string const& path) {
   auto* bytes = static_cast<char*>(target);
   while (size > 0) {
@@ -242,7 +228,7 @@ void open(std::string const& path, std::size_t sizeBytes) {
                 " to " + std::to_string(maxSizeBytes) + " bytes");
   }
   close();
-  Descriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+  Kel::OwnedDescriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
   if (fd.get() < 0) throw Error("cannot open " + path + ": " + Kel::errnoText(errno));
   if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno == EWOULDBLOCK) throw Error(path + ": in use by another writer");
@@ -324,7 +310,7 @@ void flush() {
 void openChangeHandlerIs(void (*handler)()) { openChangeHandler = handler; }
 
 Snapshot read(std::string const& path) {
-  Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  Kel::OwnedDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (fd.get() < 0) throw Error("cannot open " + path + ": " + Kel::errnoText(errno));
   struct stat status;
   if (fstat(fd.get(), &status) != 0) throw Error("cannot stat " + path + ": " + Kel::errnoText(errno));

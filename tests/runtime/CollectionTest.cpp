@@ -1,10 +1,13 @@
 #include "runtime/Collection.h"
 #include "runtime/LinkQueue.h"
 #include "runtime/Name.h"
+#include "runtime/NotifyingCollection.h"
+#include "runtime/String.h"
 #include "tests/support/WhatOf.h"
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <vector>
 
 namespace {
@@ -41,6 +44,30 @@ TEST(CollectionTest, ErasingOtherEntriesWhileIteratingIsSafe) {
     c.erase(k + 1);  // the next one goes before it is reached
   }
   EXPECT_EQ((std::vector<int>{0, 2, 4, 6, 8}), seen);
+}
+
+TEST(NotifyingCollectionTest, TellsEachKeyOnceItsChangeStandsAndEraseAllOldestFirst) {
+  // Each told key as "key+size" when present then, "key-size" when gone.
+  std::vector<std::string> told;
+  Kel::NotifyingCollection<Kel::String, int> c(
+      [&](Kel::String const& k) { told.push_back(k.str() + (c.find(k) ? "+" : "-") + std::to_string(c.size())); });
+  c.insert("a", 1);
+  c.insert("b", 2);
+  c.insert("b", 2);  // the value it has: no change
+  c.insert("b", 3);  // replaced where it stands
+  EXPECT_EQ(3, c.findOrInsert("b", [](Kel::String const&) { return 9; }));
+  EXPECT_EQ(4, c.findOrInsert("c", [](Kel::String const& k) { return int(k.size()) + 3; }));
+  EXPECT_EQ(1, *c.erase(c.begin()->first)) << "the entry's own key";
+  EXPECT_FALSE(c.erase("a"));
+  c.insert("a", 5);
+  EXPECT_EQ(0, c.value("d"));
+  EXPECT_EQ((std::vector<int>{3, 4, 5}), values(c));
+  EXPECT_TRUE(c.eraseAll());
+  EXPECT_FALSE(c.eraseAll());
+  c.insert("d", 6);
+  EXPECT_TRUE(c.clear()) << "tells no key";
+  EXPECT_FALSE(c.clear());
+  EXPECT_EQ((std::vector<std::string>{"a+1", "b+2", "b+2", "c+3", "a-2", "a+3", "b-2", "c-1", "a-0", "d+1"}), told);
 }
 
 TEST(NameTest, InternedNamesCompareByIdentityAndPrintTheirText) {

@@ -1,5 +1,6 @@
 #include "tests/support/TestSshd.h"
 
+#include "runtime/OwnedDescriptor.h"
 #include "tests/support/TestProcess.h"
 
 #include <arpa/inet.h>
@@ -34,21 +35,6 @@ std::runtime_error systemError(std::string const& what, int error = errno) {
   return std::runtime_error(what + ": " + std::strerror(error));
 }
 
-// Closes a descriptor when it goes out of scope.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Descriptor(Descriptor const&) = delete;
-  Descriptor& operator=(Descriptor const&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 void makeKey(std::string const& file) {
   std::vector<std::string> const argv = {"/usr/bin/ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", file};
   if (exitCode(spawnProcess(argv, {}, "", -1, -1)) != 0) {
@@ -57,7 +43,7 @@ void makeKey(std::string const& file) {
 }
 
 bool acceptsConnections(int port) {
-  Descriptor socketFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  Kel::OwnedDescriptor socketFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (socketFd.get() < 0) throw systemError("socket");
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -77,7 +63,7 @@ int milliSecondsUntil(std::chrono::steady_clock::time_point deadline) {
 // for sshd unless another process grabs it in between, which the
 // ephemeral range makes unlikely.
 int freePort() {
-  Descriptor socketFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  Kel::OwnedDescriptor socketFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (socketFd.get() < 0) throw systemError("socket");
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -142,7 +128,7 @@ void TestSshd::start() {
   // fresh container may not have it.
   if (mkdir("/run/sshd", 0755) != 0 && errno != EEXIST) throw systemError("mkdir /run/sshd");
   unlink(path("sshd.pid").c_str());
-  Descriptor logFd(open(path("sshd.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+  Kel::OwnedDescriptor logFd(open(path("sshd.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
   if (logFd.get() < 0) throw systemError("open " + path("sshd.log"));
   pid_ = spawnProcess({sshdProgram, "-D", "-e", "-f", path("sshd_config")}, {}, "", -1, logFd.get());
   pidFd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
@@ -164,7 +150,7 @@ void TestSshd::start() {
 // sshd writes its pid file once its socket listens, so the file appearing
 // is the moment to look; sshd ending first is a failure to start.
 void TestSshd::awaitListening() {
-  Descriptor inotifyFd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  Kel::OwnedDescriptor inotifyFd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
   if (inotifyFd.get() < 0) throw systemError("inotify_init1");
   if (inotify_add_watch(inotifyFd.get(), directory_.path().c_str(), IN_CLOSE_WRITE | IN_MOVED_TO) < 0) {
     throw systemError("inotify_add_watch");
