@@ -30,12 +30,6 @@ namespace SystemBench {
 
 namespace {
 
-// bash reads the user's ~/.bashrc when sshd starts it, unless a shell
-// started it: on a development machine that file may start many programs
-// (a version manager's set-up: over 100 ms a login here), a cost of that
-// machine and not of copying.
-constexpr char const* plainShell = "SetEnv SHLVL=1\n";
-
 void restart(TestSshd& sshd, std::string const& configLines) {
   std::ofstream(sshd.directory() + "/sshd_config", std::ios::app) << configLines;
   sshd.stop();
@@ -53,7 +47,6 @@ SshTarget::SshTarget(Options const& options, PortAndKey portAndKey)
       program_(programOnPath("ssh", options.path)),
       config_(directory_ / "ssh_config") {
   sshds_.front() = std::make_unique<TestSshd>();
-  restart(*sshds_.front(), plainShell);
   if (program_.empty()) throw std::runtime_error("no ssh on PATH");
   std::string text = "Host *\n";
   if (portAndKey == inConfigFile) text += "  Port " + std::to_string(port()) + "\n  IdentityFile " + key() + "\n";
@@ -94,7 +87,7 @@ std::vector<std::string> SshTarget::hostsIs(int count, std::string const& sshdLi
       if (i > 1) listen += "ListenAddress " + hosts.back() + "\n";
       names += " " + hosts.back();
     }
-    restart(sshd, (first > 1 ? plainShell : "") + listen + sshdLines);
+    restart(sshd, listen + sshdLines);
     if (first > 1) {
       clientConfig += "Host" + names + "\n  Port " + std::to_string(sshd.port()) + "\n  IdentityFile " +
                       sshd.directory() + "/client_key\n";

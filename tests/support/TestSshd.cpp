@@ -99,7 +99,13 @@ TestSshd::TestSshd() {
                 "StrictModes no\n"
                 "PasswordAuthentication no\n"
                 "KbdInteractiveAuthentication no\n"
-                "PermitRootLogin yes\n");
+                "PermitRootLogin yes\n"
+                // bash reads the user's ~/.bashrc when sshd starts it, unless
+                // a shell started it: on a development machine that file may
+                // start many programs (a version manager's set-up: 200 ms a
+                // login here, and noise on stderr when logins overlap), a
+                // cost of that machine and not of copying.
+                "SetEnv SHLVL=1\n");
   start();
 }
 
