@@ -50,9 +50,7 @@ Ptr<ChildSiginfo> run(char const* const* argv, ChildSetup const& setup) {
   if (setup.batchLimit == 0) throwRangeException("run: batch limit 0");
   // Copied now: callers pass pointers into temporaries, and a child waiting
   // for a slot starts long after this returns.
-  std::vector<std::string> copy;
-  for (char const* const* arg = argv; *arg; ++arg) copy.emplace_back(*arg);
-  return activityManager()->children().run(std::move(copy), setup);
+  return activityManager()->children().run(ChildArgs(argv), setup);
 }
 
 }  // namespace Kel

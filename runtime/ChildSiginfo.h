@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "runtime/ChildArgs.h"
 #include "runtime/Entity.h"
 
 namespace Kel {
@@ -38,7 +39,7 @@ class ChildSiginfo : public Entity {
   SignalCode signalCode() const { return signalCode_; }
   // The exit status for exited, the signal number for killed and dumped.
   int exitStatus() const { return exitStatus_; }
-  std::vector<std::string> const& argv() const { return argv_; }
+  ChildArgs const& argv() const { return argv_; }
 
   // Sends signal to the child. A child that has not started yet is never
   // started and is reported ended as killed by that signal; one that has
@@ -48,7 +49,7 @@ class ChildSiginfo : public Entity {
 
  protected:
   friend class ChildManager;
-  explicit ChildSiginfo(std::vector<std::string> argv) : argv_(std::move(argv)) {}
+  explicit ChildSiginfo(ChildArgs argv) : argv_(std::move(argv)) {}
   ~ChildSiginfo() override;
 
  private:
@@ -60,7 +61,7 @@ class ChildSiginfo : public Entity {
   void pidIs(pid_t pid);
   void endedIs(SignalCode code, int exitStatus);
 
-  std::vector<std::string> argv_;
+  ChildArgs argv_;
   pid_t pid_ = 0;
   SignalCode signalCode_ = notEnded;
   int exitStatus_ = 0;
@@ -69,9 +70,7 @@ class ChildSiginfo : public Entity {
   std::uint32_t waitIndex_ = 0;
   // Raw: cleared by the manager when it lets the child go.
   ChildManager* manager_ = nullptr;
-  // Children that may share a process have one key; empty for one that
-  // runs alone. The manager's limit is part of it.
-  std::string batchKey_;
+  // How many children may share its process; its key is the manager's.
   std::uint32_t batchLimit_ = 1;
   // The process doing this child's work together with others; raw, the
   // manager holds both and clears it when they part.
