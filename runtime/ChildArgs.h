@@ -13,9 +13,9 @@ namespace Kel {
 
 // The argument vector of a child, held as one block of text in which every
 // argument ends with a NUL. A child waiting for a slot keeps it for as long
-// as it waits, and thousands may wait at once: one allocation sized to fit
-// leaves far less behind in the heap than a vector and a string per
-// argument, and it is what exec wants as it stands.
+// as it waits, and thousands may wait at once: one allocation sized to fit,
+// made in the children's own arena, leaves nothing behind in the heap, and
+// it is what exec wants as it stands.
 class ChildArgs {
  public:
   class Iterator {
@@ -45,6 +45,10 @@ class ChildArgs {
   };
 
   ChildArgs() = default;
+  ChildArgs(ChildArgs const& o);
+  ChildArgs(ChildArgs&& o) noexcept;
+  ChildArgs& operator=(ChildArgs o) noexcept;
+  ~ChildArgs();
   // Up to the null pointer that ends argv.
   explicit ChildArgs(char const* const* argv);
   ChildArgs(std::vector<std::string> const& argv);
@@ -52,21 +56,26 @@ class ChildArgs {
 
   std::size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
-  Iterator begin() const { return Iterator(text_.data()); }
-  Iterator end() const { return Iterator(text_.data() + text_.size()); }
+  Iterator begin() const { return Iterator(text_); }
+  Iterator end() const { return Iterator(text_ + length_); }
   // Walks the arguments before it: a vector is a handful of them.
   std::string_view operator[](std::size_t i) const;
   std::vector<std::string> strings() const;
   // Into the text, ending with a null pointer, for exec.
   std::vector<char*> pointers() const;
 
-  friend bool operator==(ChildArgs const&, ChildArgs const&) = default;
+  friend bool operator==(ChildArgs const& a, ChildArgs const& b) {
+    return a.size_ == b.size_ && a.length_ == b.length_ && std::memcmp(a.text_, b.text_, a.length_) == 0;
+  }
 
  private:
   template <class Range>
   void assign(Range const& argv);
+  void allocate(std::size_t length);
 
-  std::string text_;
+  char* text_ = nullptr;
+  // Bytes of text, the NULs included.
+  std::uint32_t length_ = 0;
   std::uint32_t size_ = 0;
 };
 

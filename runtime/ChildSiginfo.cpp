@@ -6,10 +6,15 @@
 #include "runtime/ChildLauncher.h"
 #include "runtime/ChildManager.h"
 #include "runtime/Exception.h"
+#include "runtime/FifoArena.h"
 
 namespace Kel {
 
 ChildSiginfo::~ChildSiginfo() = default;
+
+void* ChildSiginfo::operator new(std::size_t bytes) { return FifoArena::instance().allocate(bytes); }
+
+void ChildSiginfo::operator delete(void* p) noexcept { FifoArena::instance().release(p); }
 
 void ChildSiginfo::kill(int signal) const {
   if (signal <= 0 || signal >= NSIG) throwRangeException("signal " + std::to_string(signal) + " out of range");

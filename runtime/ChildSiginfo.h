@@ -47,6 +47,11 @@ class ChildSiginfo : public Entity {
   // outside 1 to NSIG - 1 is a range exception.
   void kill(int signal) const;
 
+  // From the children's arena: thousands wait together after a burst, and
+  // the heap would keep the holes they leave.
+  static void* operator new(std::size_t bytes);
+  static void operator delete(void* p) noexcept;
+
  protected:
   friend class ChildManager;
   explicit ChildSiginfo(ChildArgs argv) : argv_(std::move(argv)) {}
