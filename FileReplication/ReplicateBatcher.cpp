@@ -75,14 +75,14 @@ bool split(std::string_view source, std::string_view target, Copy& copy) {
   return plainRoot(copy.sourceRoot) && plainRoot(copy.targetRoot);
 }
 
-std::optional<Copy> copyOf(std::vector<std::string> const& argv) {
-  if ((argv.size() != 9 && argv.size() != 11 && argv.size() != 13) || argv[0] != "Replicate" || argv[1] != "--cmd" ||
-      argv[2] != "rsyncFile") {
-    return std::nullopt;
-  }
+std::optional<Copy> copyOf(Kel::ChildArgs const& args) {
+  if (args.size() != 9 && args.size() != 11 && args.size() != 13) return std::nullopt;
+  std::array<std::string_view, 13> argv;
+  std::copy(args.begin(), args.end(), argv.begin());
+  if (argv[0] != "Replicate" || argv[1] != "--cmd" || argv[2] != "rsyncFile") return std::nullopt;
   Copy copy;
   std::optional<std::string_view> source, target, options;
-  for (std::size_t i = 3; i + 1 < argv.size(); i += 2) {
+  for (std::size_t i = 3; i + 1 < args.size(); i += 2) {
     std::string_view const option = argv[i];
     std::string_view const value = argv[i + 1];
     if (option == "--remoteHosts") {
@@ -111,7 +111,7 @@ ReplicateBatcher& ReplicateBatcher::instance() {
   return batcher;
 }
 
-std::string ReplicateBatcher::batchKey(std::vector<std::string> const& argv) const {
+std::string ReplicateBatcher::batchKey(Kel::ChildArgs const& argv) const {
   auto const copy = copyOf(argv);
   if (!copy) return {};
   std::string key = copy->hosts ? "h" + std::string(*copy->hosts) : "-";

@@ -23,7 +23,7 @@ class ReplicateBatcher : public Kel::ChildBatcher {
   // The one the agent's child manager uses.
   static ReplicateBatcher& instance();
 
-  std::string batchKey(std::vector<std::string> const& argv) const override;
+  std::string batchKey(Kel::ChildArgs const& argv) const override;
   Carrier carrierOf(std::vector<Kel::Ptr<Kel::ChildSiginfo>> const& members) const override;
   std::vector<End> endsOf(std::size_t members, End carrier, std::string_view output) const override;
   // A line that names a member's file (its path, or its name under the

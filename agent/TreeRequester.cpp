@@ -160,7 +160,7 @@ void TreeRequester::rescan() {
 }
 
 void TreeRequester::appendFiles(std::vector<FileSettings>& files) const {
-  for (auto const& [path, m] : members_) files.push_back(entries_[m.entry].fileOf(path));
+  for (auto const& [path, m] : members_) files.push_back(entries_[m.entry].fileOf(path.str()));
 }
 
 void TreeRequester::follow() {
@@ -203,12 +203,13 @@ void TreeRequester::rescanUnder(std::size_t k, std::string const& dir) {
     return false;
   };
   std::string const past = pastUnder(dir);
-  for (auto it = members_.lower_bound(dir + "/"); it != members_.end() && it->first < past; ++it) {
+  for (auto it = members_.lower_bound(dir + "/"); it != members_.end() && it->first.str() < past; ++it) {
     if (it->second.entry != k) continue;
-    if (found.contains(it->first)) {
-      returned(it->first, it->second);
-    } else if (!unknown(it->first)) {
-      depart(it->first, it->second);
+    std::string const& path = it->first.str();
+    if (found.contains(path)) {
+      returned(path, it->second);
+    } else if (!unknown(path)) {
+      depart(path, it->second);
     }
   }
   for (auto const& path : walk.files) {
@@ -228,7 +229,7 @@ void TreeRequester::considerFile(std::size_t k, std::string const& path) {
 
 void TreeRequester::add(std::size_t k, std::string const& path) {
   if (alone_.contains(path)) return;
-  members_.emplace(path, Member{k, Kel::Clock::never, nullptr});
+  members_.emplace(Kel::Name(path), Member{k, Kel::Clock::never, nullptr});
   if (!live_) return;
   auto rc = requesterConfig();
   if (!rc || rc->file(Kel::Name(path))) return;
@@ -247,8 +248,8 @@ void TreeRequester::depart(std::string const& path, Member& m) {
 
 void TreeRequester::departUnder(std::size_t k, std::string const& dir) {
   std::string const past = pastUnder(dir);
-  for (auto it = members_.lower_bound(dir + "/"); it != members_.end() && it->first < past; ++it) {
-    if (it->second.entry == k) depart(it->first, it->second);
+  for (auto it = members_.lower_bound(dir + "/"); it != members_.end() && it->first.str() < past; ++it) {
+    if (it->second.entry == k) depart(it->first.str(), it->second);
   }
   if (auto it = members_.find(dir); it != members_.end() && it->second.entry == k) depart(dir, it->second);
 }
@@ -377,7 +378,7 @@ nlohmann::json TreeRequester::status() const {
   for (auto const& [path, m] : members_) {
     ++files[m.entry];
     going[m.entry] += std::isfinite(m.departedAt);
-    auto const fs = fileStatus(path);
+    auto const fs = fileStatus(path.str());
     std::ostringstream text;
     if (fs && fs->status() != FileStatus::unknown) {
       text << fs->status();

@@ -6,6 +6,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -18,6 +19,7 @@
 #include "agent/TreeEntry.h"
 #include "entities/Config.h"
 #include "entities/Status.h"
+#include "runtime/Name.h"
 
 namespace Agent {
 
@@ -75,6 +77,19 @@ class TreeRequester : private TreeDirFollower::Listener {
     Kel::Ptr<DepartureReactor> reactor;
   };
   using FollowerKey = std::pair<std::size_t, std::string>;
+  // Paths in the order of their text, found by a string as well: the
+  // configuration interns every file's path anyway, so a member costs no
+  // copy of it.
+  struct ByPath {
+    using is_transparent = void;
+    static std::string_view text(Kel::Name n) { return n.str(); }
+    static std::string_view text(std::string const& s) { return s; }
+    static std::string_view text(std::string_view s) { return s; }
+    template <class A, class B>
+    bool operator()(A const& a, B const& b) const {
+      return text(a) < text(b);
+    }
+  };
 
   Kel::Ptr<FileReplication::RequesterConfig> requesterConfig() const;
   Kel::Ptr<FileReplication::FileStatus> fileStatus(std::string const& path) const;
@@ -105,7 +120,7 @@ class TreeRequester : private TreeDirFollower::Listener {
   std::vector<TreeEntry> entries_;
   // Files named alone: never taken by a tree.
   std::set<std::string, std::less<>> alone_;
-  std::map<std::string, Member, std::less<>> members_;
+  std::map<Kel::Name, Member, ByPath> members_;
   std::set<std::string, std::less<>> departing_;
   std::vector<std::map<std::string, int, std::less<>>> unreadable_;
   std::map<FollowerKey, std::unique_ptr<TreeDirFollower>> followers_;

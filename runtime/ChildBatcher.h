@@ -19,7 +19,7 @@ class ChildBatcher {
 
   // Children with equal keys may share one process; empty: this one runs
   // alone.
-  virtual std::string batchKey(std::vector<std::string> const& argv) const = 0;
+  virtual std::string batchKey(ChildArgs const& argv) const = 0;
 
   // The process that does the work of members (two or more, all of one
   // key): its argument vector and what it reads on its stdin.

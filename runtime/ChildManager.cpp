@@ -96,12 +96,12 @@ ChildManager::ChildManager(EventLoop& loop)
 
 ChildManager::~ChildManager() { childDelAll(); }
 
-Ptr<ChildSiginfo> ChildManager::run(std::vector<std::string> argv, ChildSetup const& setup) {
+Ptr<ChildSiginfo> ChildManager::run(ChildArgs argv, ChildSetup const& setup) {
   Ptr<ChildSiginfo> child = new ChildSiginfo(std::move(argv));
   child->manager_ = this;
   child->capturesStderr_ = setup.captureStderr && setup.stderrFd == -1;
-  keyIs(*child, setup);
-  bool const mergeable = !child->batchKey_.empty();
+  std::string key = keyOf(*child, setup);
+  bool const mergeable = !key.empty();
   // The first child of a turn starts at once; mergeable ones asked for after
   // it in the same turn wait for the next, so that they can share a process.
   if (waiting_.empty() && slotFree() && !(mergeable && startWaitingScheduled_)) {
@@ -109,25 +109,28 @@ Ptr<ChildSiginfo> ChildManager::run(std::vector<std::string> argv, ChildSetup co
     if (mergeable) startWaitingSoon();
     return child;
   }
-  Waiting entry{child, {}};
+  Waiting entry{child, {}, nullptr};
   if (!keepStdio(setup, entry.setup)) {
     endEarly(child, ChildSiginfo::exited, 127);
     return child;
   }
+  auto* const byKey = mergeable ? &*waitingByKey_.try_emplace(std::move(key)).first : nullptr;
+  if (byKey) entry.key = &byKey->first;
   child->waitIndex_ = waiting_.enq(std::move(entry));
-  if (mergeable) waitingByKey_[child->batchKey_].emplace_back(child->waitIndex_, child.ptr());
+  if (byKey) byKey->second.emplace_back(child->waitIndex_, child.ptr());
   if (slotFree()) startWaitingSoon();
   return child;
 }
 
-void ChildManager::keyIs(ChildSiginfo& child, ChildSetup const& setup) const {
+std::string ChildManager::keyOf(ChildSiginfo& child, ChildSetup const& setup) const {
   // A child with descriptors or a group of its own expects a process of its own.
   bool const plain = setup.stdinFd == -1 && setup.stdoutFd == -1 && setup.stderrFd == -1 && setup.processGroup == -1;
-  if (!batcher_ || setup.batchLimit < 2 || !plain) return;
-  child.batchKey_ = batcher_->batchKey(child.argv_);
-  if (child.batchKey_.empty()) return;
-  child.batchKey_ += '\0' + std::to_string(setup.batchLimit) + (child.capturesStderr_ ? "e" : "");
+  if (!batcher_ || setup.batchLimit < 2 || !plain) return {};
+  std::string key = batcher_->batchKey(child.argv_);
+  if (key.empty()) return key;
+  key += '\0' + std::to_string(setup.batchLimit) + (child.capturesStderr_ ? "e" : "");
   child.batchLimit_ = setup.batchLimit;
+  return key;
 }
 
 void ChildManager::maxRunningIs(std::size_t n) {
@@ -215,8 +218,9 @@ void ChildManager::start(Ptr<ChildSiginfo> const& child, ChildSetup const& setup
 void ChildManager::startWaiting() {
   while (!waiting_.empty() && slotFree()) {
     auto entry = waiting_.deq();
-    if (!entry->child->batchKey_.empty()) {
-      auto members = mergedWith(entry->child);
+    // Its own place in waitingByKey_ keeps the key standing.
+    if (entry->key) {
+      auto members = mergedWith(entry->child, *entry->key);
       if (members.size() > 1) {
         startBatch(members);
         continue;
@@ -239,9 +243,9 @@ void ChildManager::startWaitingSoon() {
   });
 }
 
-std::vector<Ptr<ChildSiginfo>> ChildManager::mergedWith(Ptr<ChildSiginfo> const& head) {
+std::vector<Ptr<ChildSiginfo>> ChildManager::mergedWith(Ptr<ChildSiginfo> const& head, std::string const& key) {
   std::vector<Ptr<ChildSiginfo>> members{head};
-  auto const found = waitingByKey_.find(head->batchKey_);
+  auto const found = waitingByKey_.find(key);
   if (found == waitingByKey_.end()) return members;
   auto& queue = found->second;
   while (!queue.empty() && members.size() < head->batchLimit_) {
@@ -263,7 +267,7 @@ void ChildManager::startBatch(std::vector<Ptr<ChildSiginfo>> const& members) {
   int const input = memoryFileOf(work.input);
   int const output = input < 0 ? -1 : memoryFileOf({});
   int const errors = output < 0 ? -1 : errorOutputFile(members.front()->capturesStderr_);
-  Ptr<ChildSiginfo> carrier = new ChildSiginfo(std::move(work.argv));
+  Ptr<ChildSiginfo> carrier = new ChildSiginfo(ChildArgs(work.argv));
   carrier->manager_ = this;
   pid_t const pid = output < 0 ? 0 : launch(carrier, ChildSetup{input, output, errors, -1});
   if (input >= 0) ::close(input);

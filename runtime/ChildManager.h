@@ -44,7 +44,7 @@ class ChildManager {
   ChildManager& operator=(ChildManager const&) = delete;
 
   // Kel::run after its checks. A child past the limit waits with pid() 0.
-  Ptr<ChildSiginfo> run(std::vector<std::string> argv, ChildSetup const& setup);
+  Ptr<ChildSiginfo> run(ChildArgs argv, ChildSetup const& setup);
 
   // At most this many children run at once; 0, the default, means no limit.
   // Children past it wait and start first come first served.
@@ -78,10 +78,14 @@ class ChildManager {
   friend class ChildSiginfo;
 
   // A child waiting for a slot. Descriptors given for its stdio are
-  // duplicates owned here, so the caller may close its own at once.
+  // duplicates owned here, so the caller may close its own at once. Its
+  // key, when it may share a process, is the one in waitingByKey_, which
+  // stands for as long as one of its children waits: thousands waiting
+  // together hold it once.
   struct Waiting {
     Ptr<ChildSiginfo> child;
     ChildSetup setup;
+    std::string const* key;
   };
 
   // A process doing the work of several children. Owns outputFd, where
@@ -93,7 +97,8 @@ class ChildManager {
   };
 
   bool slotFree() const { return maxRunning_ == 0 || running_.size() < maxRunning_; }
-  void keyIs(ChildSiginfo& child, ChildSetup const& setup) const;
+  // Empty for a child that runs alone.
+  std::string keyOf(ChildSiginfo& child, ChildSetup const& setup) const;
   // The launcher's launch; a launcher that throws counts as a failed start.
   pid_t launch(Ptr<ChildSiginfo> const& child, ChildSetup const& setup);
   void start(Ptr<ChildSiginfo> const& child, ChildSetup const& setup);
@@ -103,7 +108,7 @@ class ChildManager {
   void startWaitingSoon();
   // head and the oldest waiting children of its key, up to its limit; they
   // leave the queue.
-  std::vector<Ptr<ChildSiginfo>> mergedWith(Ptr<ChildSiginfo> const& head);
+  std::vector<Ptr<ChildSiginfo>> mergedWith(Ptr<ChildSiginfo> const& head, std::string const& key);
   void startBatch(std::vector<Ptr<ChildSiginfo>> const& members);
   void endMembers(ChildSiginfo& carrier, Batch& batch, ChildBatcher::End end);
   void kill(ChildSiginfo& child, int signal);

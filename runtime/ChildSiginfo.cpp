@@ -8,12 +8,17 @@
 #include "runtime/ChildLauncher.h"
 #include "runtime/ChildManager.h"
 #include "runtime/Exception.h"
+#include "runtime/FifoArena.h"
 
 namespace Kel {
 
 ChildSiginfo::~ChildSiginfo() {
   if (errorOutputFd_ >= 0) ::close(errorOutputFd_);
 }
+
+void* ChildSiginfo::operator new(std::size_t bytes) { return FifoArena::instance().allocate(bytes); }
+
+void ChildSiginfo::operator delete(void* p) noexcept { FifoArena::instance().release(p); }
 
 void ChildSiginfo::kill(int signal) const {
   if (signal <= 0 || signal >= NSIG) throwRangeException("signal " + std::to_string(signal) + " out of range");
@@ -54,9 +59,7 @@ Ptr<ChildSiginfo> run(char const* const* argv, ChildSetup const& setup) {
   if (setup.batchLimit == 0) throwRangeException("run: batch limit 0");
   // Copied now: callers pass pointers into temporaries, and a child waiting
   // for a slot starts long after this returns.
-  std::vector<std::string> copy;
-  for (char const* const* arg = argv; *arg; ++arg) copy.emplace_back(*arg);
-  return activityManager()->children().run(std::move(copy), setup);
+  return activityManager()->children().run(ChildArgs(argv), setup);
 }
 
 }  // namespace Kel

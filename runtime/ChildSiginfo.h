@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "runtime/ChildArgs.h"
 #include "runtime/Entity.h"
 
 namespace Kel {
@@ -39,7 +40,7 @@ class ChildSiginfo : public Entity {
   SignalCode signalCode() const { return signalCode_; }
   // The exit status for exited, the signal number for killed and dumped.
   int exitStatus() const { return exitStatus_; }
-  std::vector<std::string> const& argv() const { return argv_; }
+  ChildArgs const& argv() const { return argv_; }
   // What the child wrote on stderr, when its setup captured it (at most the
   // last maxErrorOutput bytes); set when it ends. A child merged with others
   // gets the lines of their process that concern it.
@@ -52,9 +53,14 @@ class ChildSiginfo : public Entity {
   // outside 1 to NSIG - 1 is a range exception.
   void kill(int signal) const;
 
+  // From the children's arena: thousands wait together after a burst, and
+  // the heap would keep the holes they leave.
+  static void* operator new(std::size_t bytes);
+  static void operator delete(void* p) noexcept;
+
  protected:
   friend class ChildManager;
-  explicit ChildSiginfo(std::vector<std::string> argv) : argv_(std::move(argv)) {}
+  explicit ChildSiginfo(ChildArgs argv) : argv_(std::move(argv)) {}
   ~ChildSiginfo() override;
 
  private:
@@ -66,7 +72,7 @@ class ChildSiginfo : public Entity {
   void pidIs(pid_t pid);
   void endedIs(SignalCode code, int exitStatus);
 
-  std::vector<std::string> argv_;
+  ChildArgs argv_;
   pid_t pid_ = 0;
   SignalCode signalCode_ = notEnded;
   int exitStatus_ = 0;
@@ -75,9 +81,7 @@ class ChildSiginfo : public Entity {
   std::uint32_t waitIndex_ = 0;
   // Raw: cleared by the manager when it lets the child go.
   ChildManager* manager_ = nullptr;
-  // Children that may share a process have one key; empty for one that
-  // runs alone. The manager's limit is part of it.
-  std::string batchKey_;
+  // How many children may share its process; its key is the manager's.
   std::uint32_t batchLimit_ = 1;
   bool capturesStderr_ = false;
   // Owned; the child's stderr while it runs, when captured.

@@ -46,11 +46,8 @@ int describe(ChildSetup const& setup, posix_spawn_file_actions_t& actions, posix
 }
 
 // Returns 0 and the pid, or an error number.
-int spawn(std::vector<std::string> const& args, ChildSetup const& setup, pid_t& pid) {
-  std::vector<char*> argv;
-  argv.reserve(args.size() + 1);
-  for (auto const& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
+int spawn(ChildArgs const& args, ChildSetup const& setup, pid_t& pid) {
+  std::vector<char*> const argv = args.pointers();
   posix_spawn_file_actions_t actions;
   posix_spawnattr_t attributes;
   ::posix_spawn_file_actions_init(&actions);

@@ -67,7 +67,7 @@ Storm storm(std::vector<std::string> const& paths, int rewrites) {
   children.startObserverIs([&](Kel::ChildSiginfo const& child) {
     auto const& argv = child.argv();
     if (argv.size() < 5) return;
-    auto it = runs.find(argv[4]);
+    auto it = runs.find(std::string(argv[4]));
     if (it == runs.end()) return;
     ++it->second.count;
     it->second.lastStartNs = monotonicNs();

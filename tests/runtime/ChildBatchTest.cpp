@@ -17,10 +17,10 @@ using Argv = std::vector<std::string>;
 // reads their names, one a line, and prints "0" for each name it copied.
 class CopyBatcher : public ChildBatcher {
  public:
-  std::string batchKey(Argv const& argv) const override { return argv[0] == "copy" ? argv[1] : ""; }
+  std::string batchKey(ChildArgs const& argv) const override { return std::string(argv[0] == "copy" ? argv[1] : ""); }
   Carrier carrierOf(std::vector<Ptr<ChildSiginfo>> const& members) const override {
-    Carrier carrier{{"copy-all", members.front()->argv()[1]}, ""};
-    for (auto const& member : members) carrier.input += member->argv()[2] + "\n";
+    Carrier carrier{{"copy-all", std::string(members.front()->argv()[1])}, ""};
+    for (auto const& member : members) (carrier.input += member->argv()[2]) += "\n";
     return carrier;
   }
   std::vector<End> endsOf(std::size_t members, End carrier, std::string_view output) const override {
@@ -116,7 +116,7 @@ TEST_F(ChildBatchTest, KillingAMemberSparesTheOthersUntilNoneIsLeft) {
   scripted_.endExited(alone, 0);
   turn();
   auto const carrier = scripted_.last().siginfo;
-  ASSERT_EQ((Argv{"copy-all", "k"}), carrier->argv());
+  ASSERT_EQ((Argv{"copy-all", "k"}), carrier->argv().strings());
 
   members[0]->kill(SIGKILL);
   turn();

@@ -53,7 +53,7 @@ TEST(ChildTest, ScriptedChildIsRecordedAndEndsOnALaterTurn) {
 
   ASSERT_EQ(scripted.launches(), 1u);
   EXPECT_EQ(scripted.last().argv, (Argv{"Replicate", "--source", "/etc/x/y"}));
-  EXPECT_EQ(child->argv(), scripted.last().argv);
+  EXPECT_EQ(child->argv().strings(), scripted.last().argv);
   EXPECT_EQ(child->pid(), 1001);
   EXPECT_EQ(&scripted.child(child), &scripted.last());
   EXPECT_EQ(children.running(), 1u);

@@ -52,7 +52,7 @@ void ScriptedChildren::end(Ptr<ChildSiginfo const> const& siginfo, ChildSiginfo:
 
 pid_t ScriptedChildren::launch(Ptr<ChildSiginfo> const& child, ChildSetup const& setup) {
   index_.emplace(child.ptr(), children_.size());
-  Child& entry = children_.emplace_back(Child{child, child->argv(), 0, {}, {}, -1});
+  Child& entry = children_.emplace_back(Child{child, child->argv().strings(), 0, {}, {}, -1});
   if (setup.stdinFd != -1) {
     char buffer[4096];
     ssize_t n;
