@@ -1,5 +1,6 @@
 #include "tests/support/TestProcess.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
@@ -9,8 +10,10 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -75,6 +78,36 @@ std::size_t openDescriptors() {
   std::size_t count = 0;
   for ([[maybe_unused]] auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
   return count;
+}
+
+std::map<int, std::string> openDescriptorTargets() {
+  std::map<int, std::string> targets;
+  DIR* const list = opendir("/proc/self/fd");
+  if (!list) throw std::runtime_error(std::string("/proc/self/fd: ") + std::strerror(errno));
+  while (dirent const* entry = readdir(list)) {
+    if (entry->d_name[0] == '.' || std::atoi(entry->d_name) == dirfd(list)) continue;
+    std::error_code error;
+    // One another thread closes meanwhile is skipped.
+    std::filesystem::path const target =
+        std::filesystem::read_symlink(std::string("/proc/self/fd/") + entry->d_name, error);
+    if (!error) targets.emplace(std::atoi(entry->d_name), target);
+  }
+  closedir(list);
+  return targets;
+}
+
+std::map<int, std::string> childProcesses() {
+  std::map<int, std::string> children;
+  // Each thread lists the children it started.
+  for (auto const& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream list(thread.path() / "children");
+    for (int pid; list >> pid;) {
+      std::string name;
+      std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/comm"), name);
+      children.emplace(pid, name);
+    }
+  }
+  return children;
 }
 
 int exitCode(pid_t pid) {

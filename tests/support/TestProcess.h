@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,11 @@ pid_t spawnProcess(std::vector<std::string> const& argv, std::vector<std::string
                    std::string const& directory, int out, int err);
 // How many descriptors this process has open.
 std::size_t openDescriptors();
+// The descriptors open, by number, with what each refers to.
+std::map<int, std::string> openDescriptorTargets();
+// The children of this process, reaped or not, by pid, with their program's
+// name.
+std::map<int, std::string> childProcesses();
 // Reaps pid; its exit status, or -1 when a signal ended it.
 int exitCode(pid_t pid);
 
