@@ -201,10 +201,10 @@ TEST(ChildIntegration, ALauncherThrowingAfterTheSpawnLeavesNothingBehind) {
     launcher.throws = true;
     blocker->kill(SIGKILL);
     ASSERT_TRUE(loop.runUntil([&] { return blocker->signalCode() != ChildSiginfo::notEnded; }, 10));
-    EXPECT_TRUE(childProcesses().empty());
+    EXPECT_TRUE(childrenOf(getpid()).empty());
     waiting->kill(SIGKILL);
     auto direct = manager.run({"sleep", "30"}, ChildSetup{});
-    EXPECT_TRUE(childProcesses().empty());
+    EXPECT_TRUE(childrenOf(getpid()).empty());
     ASSERT_TRUE(loop.runUntil([&] { return loop.deferred() == 0; }, 10));
     for (auto const& child : {waiting, direct}) {
       EXPECT_EQ(child->signalCode(), ChildSiginfo::exited);

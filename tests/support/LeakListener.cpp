@@ -1,10 +1,22 @@
 #include "tests/support/LeakListener.h"
 
+#include <unistd.h>
+
+#include <fstream>
+
 #include "runtime/ActivityManager.h"
 #include "runtime/ChildManager.h"
 #include "tests/support/TestProcess.h"
 
 namespace {
+
+std::map<int, std::string> namedChildren() {
+  std::map<int, std::string> children;
+  for (pid_t const pid : childrenOf(getpid())) {
+    std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/comm"), children[pid]);
+  }
+  return children;
+}
 
 // The entries of start that end lacks, in a list for a failure message.
 std::string added(std::map<int, std::string> const& start, std::map<int, std::string> const& end) {
@@ -23,7 +35,7 @@ LeakListener::Held LeakListener::held() {
   // The first use opens the loop's descriptor, which no test is to answer for.
   Kel::ActivityManager* const manager = Kel::activityManager();
   Kel::ChildManager& children = manager->children();
-  return {manager->clock()->armedTimers(), children.running() + children.waiting(), childProcesses(),
+  return {manager->clock()->armedTimers(), children.running() + children.waiting(), namedChildren(),
           openDescriptorTargets()};
 }
 

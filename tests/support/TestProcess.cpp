@@ -74,12 +74,6 @@ pid_t spawnProcess(std::vector<std::string> const& argv, std::vector<std::string
   return pid;
 }
 
-std::size_t openDescriptors() {
-  std::size_t count = 0;
-  for ([[maybe_unused]] auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
-  return count;
-}
-
 std::map<int, std::string> openDescriptorTargets() {
   std::map<int, std::string> targets;
   DIR* const list = opendir("/proc/self/fd");
@@ -96,23 +90,21 @@ std::map<int, std::string> openDescriptorTargets() {
   return targets;
 }
 
-std::map<int, std::string> childProcesses() {
-  std::map<int, std::string> children;
+std::vector<pid_t> childrenOf(pid_t pid) {
+  std::vector<pid_t> children;
+  std::error_code ignored;
   // Each thread lists the children it started.
-  for (auto const& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+  for (auto const& thread : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ignored)) {
     std::ifstream list(thread.path() / "children");
-    for (int pid; list >> pid;) {
-      std::string name;
-      std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/comm"), name);
-      children.emplace(pid, name);
-    }
+    for (pid_t child; list >> child;) children.push_back(child);
   }
   return children;
 }
 
 int exitCode(pid_t pid) {
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
