@@ -130,21 +130,13 @@ std::ostream& operator<<(std::ostream& o, InotifyEvent const& e) { return o << v
 
 // InotifyMonitor::FileDescriptorReactor
 
-Kel::Ptr<InotifyMonitor::FileDescriptorReactor> InotifyMonitor::FileDescriptorReactor::FileDescriptorReactorIs(
-    Kel::Ptr<Kel::FileDescriptor> const& fd, InotifyMonitor* inotifyMonitor) {
-  Kel::Ptr<FileDescriptorReactor> const reactor = new FileDescriptorReactor(inotifyMonitor);
-  reactor->fileDescriptor_ = fd;
-  reactor->notifierIs(fd);
-  return reactor;
-}
-
 void InotifyMonitor::FileDescriptorReactor::onNotifier() { handleReadableCount(); }
 
 void InotifyMonitor::FileDescriptorReactor::onReadableCount() { handleReadableCount(); }
 
 void InotifyMonitor::FileDescriptorReactor::handleReadableCount() {
   KEL_TRACE(3, "FileDescriptorReactor::handleReadableCount");
-  inotifyMonitor_->handleEvent();
+  owner()->handleEvent();
 }
 
 // InotifyMonitor
@@ -168,7 +160,11 @@ void InotifyMonitor::doInitFdReactor() {
     fileDescriptor->descriptorIs(fd);
     fileDescriptor->nonBlockingIs(true);
     fileDescriptor->notifyOnReadableIs(true);
-    fdReactor_ = FileDescriptorReactor::FileDescriptorReactorIs(fileDescriptor, this);
+    // Bound before the monitor holds it: the first call finds no descriptor to read yet.
+    Kel::Nested<FileDescriptorReactor> reactor(this);
+    reactor->notifierIs(fileDescriptor);
+    fdReactor_ = std::move(reactor);
+    fileDescriptor_ = fileDescriptor;
   } catch (...) {
     // The descriptor entity, if any, died with its last pointer and forgot fd.
     close(fd);
@@ -178,22 +174,16 @@ void InotifyMonitor::doInitFdReactor() {
 
 void InotifyMonitor::doDestroyFdReactor() {
   KEL_TRACE(6, "InotifyMonitor::destroyFdReactor");
-  Kel::Ptr<FileDescriptorReactor> const reactor = std::move(fdReactor_);
-  if (!reactor) return;
-  reactor->markedForDeletionIs(true);
-  Kel::Ptr<Kel::FileDescriptor> const fileDescriptor = reactor->fileDescriptor();
-  reactor->notifierIs(nullptr);
-  if (!fileDescriptor) return;
+  if (!fdReactor_) return;
+  fdReactor_.release();
+  Kel::Ptr<Kel::FileDescriptor> const fileDescriptor = std::move(fileDescriptor_);
   int const fd = fileDescriptor->descriptor();
   // The loop must let go of the number before the kernel can hand it out again.
   fileDescriptor->descriptorIs(-1);
   if (close(fd) != 0) KEL_TRACE(6, "Closing inotify instance FD failed.");
 }
 
-int InotifyMonitor::descriptor() const {
-  if (!fdReactor_ || !fdReactor_->notifier()) return -1;
-  return fdReactor_->notifier()->descriptor();
-}
+int InotifyMonitor::descriptor() const { return fileDescriptor_ ? fileDescriptor_->descriptor() : -1; }
 
 InotifyEvent InotifyMonitor::inotifyEvent(std::uint32_t index) const {
   InotifyEvent const* e = inotifyEvent_.at(index);

@@ -79,24 +79,15 @@ class InotifyMonitor : public Kel::Entity {
   using Notifiee = NotifieeConst;
 
   // Calls the monitor whenever the inotify descriptor is readable.
-  class FileDescriptorReactor : public Kel::FileDescriptor::Notifiee {
+  class FileDescriptorReactor : public Kel::NestedReactor<InotifyMonitor, Kel::FileDescriptor::Notifiee> {
    public:
-    static Kel::Ptr<FileDescriptorReactor> FileDescriptorReactorIs(Kel::Ptr<Kel::FileDescriptor> const& fd,
-                                                                   InotifyMonitor* inotifyMonitor);
+    using NestedReactor::NestedReactor;
 
-    InotifyMonitor* inotifyMonitor() const { return inotifyMonitor_; }
-    // The notifier, writable: its owner turns readability off before closing.
-    Kel::Ptr<Kel::FileDescriptor> fileDescriptor() const { return fileDescriptor_; }
+    InotifyMonitor* inotifyMonitor() const { return owner(); }
 
     void onNotifier() override;
     void onReadableCount() override;
     void handleReadableCount();
-
-   private:
-    explicit FileDescriptorReactor(InotifyMonitor* inotifyMonitor) : inotifyMonitor_(inotifyMonitor) {}
-
-    InotifyMonitor* inotifyMonitor_;
-    Kel::Ptr<Kel::FileDescriptor> fileDescriptor_;
   };
 
   struct InotifyEventMetadata {
@@ -109,7 +100,8 @@ class InotifyMonitor : public Kel::Entity {
   static Kel::Ptr<InotifyMonitor> InotifyMonitorIs(Kel::Name name);
 
   Kel::Name name() const { return name_; }
-  Kel::Ptr<FileDescriptorReactor> fdReactor() const { return fdReactor_; }
+  // Null once the instance is closed.
+  FileDescriptorReactor* fdReactor() const { return fdReactor_.get(); }
 
   std::uint32_t inotifyEvents() const { return inotifyEvent_.members(); }
   // A default event when index holds none.
@@ -145,7 +137,9 @@ class InotifyMonitor : public Kel::Entity {
   int descriptor() const;
 
   Kel::Name name_;
-  Kel::Ptr<FileDescriptorReactor> fdReactor_;
+  // Writable, unlike the reactor's notifier: closing turns readability off.
+  Kel::Ptr<Kel::FileDescriptor> fileDescriptor_;
+  Kel::Nested<FileDescriptorReactor> fdReactor_;
   Kel::LinkQueue<InotifyEvent> inotifyEvent_;
 };
 

@@ -73,13 +73,10 @@ class StreamServer::Connection : public Kel::FileDescriptor::Notifiee {
   void closeDescriptor();
 
  private:
-  class Deadline : public Kel::Clock::Notifiee {
+  class Deadline : public Kel::NestedReactor<Connection, Kel::Clock::Notifiee> {
    public:
-    explicit Deadline(Connection* connection) : connection_(connection) {}
-    void onTime() override { connection_->onDeadline(); }
-
-   private:
-    Connection* connection_;
+    using NestedReactor::NestedReactor;
+    void onTime() override { owner()->onDeadline(); }
   };
 
   // Nothing may escape into the loop: the agent serves on.
@@ -99,7 +96,7 @@ class StreamServer::Connection : public Kel::FileDescriptor::Notifiee {
   std::string output_;
   std::size_t sent_ = 0;
   // For the request while reading, then for progress of the reply.
-  Deadline deadline_{this};
+  Kel::Nested<Deadline> deadline_{this};
 };
 
 StreamServer::Connection::Connection(StreamServer* server, int descriptor) : server_(server), descriptor_(descriptor) {
@@ -108,8 +105,8 @@ StreamServer::Connection::Connection(StreamServer* server, int descriptor) : ser
   fileDescriptor_->nonBlockingIs(true);
   fileDescriptor_->notifyOnReadableIs(true);
   notifierIs(fileDescriptor_);
-  deadline_.notifierIs(Kel::activityManager()->clock());
-  deadline_.timeMinIs(Kel::now() + server->requestTimeout());
+  deadline_->notifierIs(Kel::activityManager()->clock());
+  deadline_->timeMinIs(Kel::now() + server->requestTimeout());
 }
 
 void StreamServer::Connection::serve(void (Connection::*step)()) {
@@ -164,7 +161,7 @@ void StreamServer::Connection::replyIs(std::optional<std::string> reply) {
   // Whatever else the client sends is left unread, so the descriptor is not
   // reported readable on every turn.
   fileDescriptor_->notifyOnReadableIs(false);
-  deadline_.timeMinIs(Kel::now() + server_->requestTimeout());
+  deadline_->timeMinIs(Kel::now() + server_->requestTimeout());
   writeSome();
 }
 
@@ -186,7 +183,7 @@ void StreamServer::Connection::writeSome() {
     drop();
     return;
   }
-  if (sent_ > before) deadline_.timeMinIs(Kel::now() + server_->requestTimeout());
+  if (sent_ > before) deadline_->timeMinIs(Kel::now() + server_->requestTimeout());
   fileDescriptor_->notifyOnWritableIs(true);
 }
 
@@ -197,7 +194,7 @@ void StreamServer::Connection::drop() {
 
 void StreamServer::Connection::closeDescriptor() {
   if (descriptor_ < 0) return;
-  deadline_.notifierIs(nullptr);
+  deadline_->notifierIs(nullptr);
   notifierIs(nullptr);
   // The loop must forget the number before the kernel can hand it out again.
   fileDescriptor_->descriptorIs(-1);

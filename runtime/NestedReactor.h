@@ -48,7 +48,8 @@ class Nested {
     r->notifierIs(nullptr);
   }
 
-  R* operator->() const { return r_.ptr(); }
+  R* get() const { return r_.ptr(); }
+  R* operator->() const { return get(); }
   explicit operator bool() const { return bool(r_); }
 
  private:

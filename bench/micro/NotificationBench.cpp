@@ -3,29 +3,12 @@
 #include <cstdint>
 #include <vector>
 
-#include "runtime/Entity.h"
+#include "tests/support/Thing.h"
 
 std::uint64_t microBenchAllocations();
 void microBenchAllocationsReport(benchmark::State& state, std::uint64_t before);
 
 namespace {
-
-// The smallest entity: one notifying scalar, built as the entity classes are.
-class Thing : public Kel::Entity {
- public:
-  class NotifieeConst : public Kel::NotifieeBase<Thing> {
-   public:
-    virtual void onValue() {}
-  };
-  static Kel::Ptr<Thing> ThingIs() { return new Thing(); }
-  int value() const { return value_; }
-  void valueIs(int v) {
-    if (Kel::changed(value_, v)) notify(&NotifieeConst::onValue);
-  }
-
- private:
-  int value_ = 0;
-};
 
 class CountingReactor : public Thing::NotifieeConst {
  public:

@@ -2,14 +2,9 @@
 // whose other host is down, once the agent has met the dead host, against
 // the same edit under a requester of the live host alone. Two agents, so
 // that the runs of one never hold up the other; their samples alternate.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <stdexcept>
 #include <thread>
@@ -23,37 +18,13 @@
 #include "bench/system/Processes.h"
 #include "bench/system/Replicas.h"
 #include "bench/system/SshTarget.h"
+#include "tests/support/HungHost.h"
 
 namespace SystemBench {
 
 namespace {
 
 constexpr std::int64_t secondNs = 1'000'000'000;
-
-// A host that hangs: the kernel completes the handshake into the backlog
-// and nothing ever answers, so ssh waits for the server's banner until its
-// time-out, as it does with a machine that is up but stuck. A host that
-// refuses at once would say nothing about waiting.
-class HungHost {
- public:
-  HungHost(char const* address, int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in at{};
-    at.sin_family = AF_INET;
-    at.sin_port = htons(std::uint16_t(port));
-    inet_pton(AF_INET, address, &at.sin_addr);
-    if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&at), sizeof at) != 0 || listen(fd_, 64) != 0) {
-      int const error = errno;
-      if (fd_ >= 0) close(fd_);
-      throw std::runtime_error(std::string("cannot listen on ") + address + ": " + std::strerror(error));
-    }
-  }
-  ~HungHost() { close(fd_); }
-  HungHost(HungHost const&) = delete;
-  HungHost& operator=(HungHost const&) = delete;
-
- private:
-  int fd_;
-};
 
 // When the agent's status first said 127.0.0.2 is down, or, from an agent
 // that does not say, when its first run ended; -1 at deadlineNs.

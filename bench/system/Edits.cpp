@@ -15,6 +15,7 @@
 #include "agent/ControlClient.h"
 #include "bench/system/Measure.h"
 #include "bench/system/Replicas.h"
+#include "tests/support/TestProcess.h"
 
 namespace SystemBench {
 
@@ -140,7 +141,7 @@ CopyTimes timedCommands(std::vector<std::vector<std::string>> const& argvs, std:
   std::int64_t const t1 = destinations.await(text, t0 + guardNs);
   int status = 0;
   for (pid_t pid : pids) {
-    int const own = reap(pid);
+    int const own = exitCode(pid);
     if (status == 0) status = own;
   }
   std::int64_t const t2 = monotonicNs();

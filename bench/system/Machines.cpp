@@ -38,7 +38,7 @@ Kel::Ptr<FileReplication::InotifyMonitor> inotifyMonitorOf(FileReplication::Conf
 
 int unreadInotifyBytes(FileReplication::InotifyMonitor const& monitor) {
   int bytes = 0;
-  ioctl(monitor.fdReactor()->fileDescriptor()->descriptor(), FIONREAD, &bytes);
+  ioctl(monitor.fdReactor()->notifier()->descriptor(), FIONREAD, &bytes);
   return bytes;
 }
 

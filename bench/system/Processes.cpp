@@ -9,12 +9,12 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
 #include "bench/system/Measure.h"
+#include "tests/support/TestProcess.h"
 
 extern char** environ;
 
@@ -74,26 +74,8 @@ pid_t spawn(std::vector<std::string> const& argv, std::vector<std::string> const
   return pid;
 }
 
-int reap(pid_t pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return -1;
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 int run(std::vector<std::string> const& argv, std::vector<std::string> const& env, std::string const& output) {
-  return reap(spawn(argv, env, output));
-}
-
-std::size_t childrenOf(pid_t pid) {
-  std::size_t n = 0;
-  std::error_code ignored;
-  for (auto const& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ignored)) {
-    std::istringstream pids(readText(task.path() / "children"));
-    for (std::string child; pids >> child;) ++n;
-  }
-  return n;
+  return exitCode(spawn(argv, env, output));
 }
 
 std::int64_t awaitQuiet(pid_t pid, double quietSeconds, std::int64_t deadlineNs) {
@@ -103,7 +85,7 @@ std::int64_t awaitQuiet(pid_t pid, double quietSeconds, std::int64_t deadlineNs)
   for (;;) {
     std::int64_t const now = monotonicNs();
     std::int64_t const cpuNow = processCpuNs(pid);
-    if (childrenOf(pid) != 0 || cpuNow != cpu) {
+    if (!childrenOf(pid).empty() || cpuNow != cpu) {
       since = now;
       cpu = cpuNow;
     } else if (now - since >= quietNs) {

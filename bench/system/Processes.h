@@ -19,13 +19,9 @@ std::string programOnPath(std::string const& name, std::string const& path);
 // its whole environment, stdin on /dev/null and stdout and stderr on output
 // (/dev/null when empty).
 pid_t spawn(std::vector<std::string> const& argv, std::vector<std::string> const& env, std::string const& output = "");
-// Reaps pid; its exit status, or -1 when a signal ended it.
-int reap(pid_t pid);
 // Runs argv to its end; its exit status.
 int run(std::vector<std::string> const& argv, std::vector<std::string> const& env, std::string const& output = "");
 
-// The children pid has right now, started and not yet reaped.
-std::size_t childrenOf(pid_t pid);
 // Waits until pid has had no child and used no CPU for quietSeconds, or
 // until deadlineNs (monotonic). Since when it has been quiet, or -1 when the
 // deadline came first.

@@ -7,6 +7,7 @@
 
 #include "bench/system/Measure.h"
 #include "bench/system/Processes.h"
+#include "tests/support/TestProcess.h"
 
 namespace SystemBench {
 
@@ -85,7 +86,7 @@ Timed timedCopy(std::vector<std::string> const& argv, std::vector<std::string> c
     }
     return reaped && status != 0;
   });
-  if (!reaped) status = reap(pid);
+  if (!reaped) status = exitCode(pid);
   std::int64_t const exited = monotonicNs();
   if (status != 0 || arrived < 0) {
     throw std::runtime_error(argv[0] + " exited with " + std::to_string(status) + " after " +

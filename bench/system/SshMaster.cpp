@@ -10,6 +10,7 @@
 
 #include "bench/system/Measure.h"
 #include "bench/system/Processes.h"
+#include "tests/support/TestProcess.h"
 
 namespace SystemBench {
 
@@ -26,7 +27,7 @@ SshMaster::SshMaster(SshTarget const& ssh, std::string socket, std::string const
   while (stat(socket_.c_str(), &status) != 0) {
     if (monotonicNs() > deadline) {
       kill(pid_, SIGTERM);
-      reap(pid_);
+      exitCode(pid_);
       throw std::runtime_error("ssh did not connect to " + host + ":\n" + readText(log));
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -35,7 +36,7 @@ SshMaster::SshMaster(SshTarget const& ssh, std::string socket, std::string const
 
 SshMaster::~SshMaster() {
   kill(pid_, SIGTERM);
-  reap(pid_);
+  exitCode(pid_);
 }
 
 }  // namespace SystemBench

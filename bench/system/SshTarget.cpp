@@ -10,21 +10,7 @@
 #include "bench/system/Measure.h"
 #include "bench/system/Processes.h"
 #include "bench/system/Replicas.h"
-
-#if SYSTEM_BENCH_SSHD
 #include "tests/support/TestSshd.h"
-#else
-// The test sshd comes with the tests' support library; without it every
-// benchmark over ssh is skipped.
-class TestSshd {
- public:
-  TestSshd() { throw std::runtime_error("built without the tests' support library, which starts the test sshd"); }
-  int port() const { return 0; }
-  std::string directory() const { return ""; }
-  void start() {}
-  void stop() {}
-};
-#endif
 
 namespace SystemBench {
 

@@ -15,6 +15,7 @@
 #include "bench/system/Processes.h"
 #include "bench/system/Replicas.h"
 #include "bench/system/SshTarget.h"
+#include "tests/support/TestProcess.h"
 
 namespace SystemBench {
 
@@ -197,7 +198,7 @@ void expiryBench(Options const& options, Report& report) {
   // near the time keeps the looking cheap.
   std::int64_t expiry = -1;
   while (expiry < 0 && monotonicNs() < rewritten + nanoseconds(period + 30) && !ended()) {
-    if (childrenOf(agent.pid()) > 0) {
+    if (!childrenOf(agent.pid()).empty()) {
       expiry = monotonicNs();
     } else {
       bool const near = monotonicNs() > rewritten + nanoseconds(0.9 * period);

@@ -1,8 +1,5 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -10,6 +7,7 @@
 #include <stdexcept>
 
 #include "tests/agent/AgentProcess.h"
+#include "tests/support/HungHost.h"
 #include "tests/support/TestSshd.h"
 
 namespace Agent {
@@ -62,29 +60,6 @@ std::vector<std::string> sshEnvironment(TempDir const& d, std::string const& rsy
   std::filesystem::permissions(d / "run", std::filesystem::perms::owner_all);
   return {"RSYNC_RSH=" + rsyncRsh, "XDG_RUNTIME_DIR=" + d / "run"};
 }
-
-// Takes connections and never says a word, as a host that hangs does.
-class BlackHole {
- public:
-  BlackHole(char const* address, int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    int const on = 1;
-    sockaddr_in at{};
-    at.sin_family = AF_INET;
-    at.sin_port = htons(static_cast<std::uint16_t>(port));
-    if (fd_ < 0 || setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        inet_pton(AF_INET, address, &at.sin_addr) != 1 ||
-        bind(fd_, reinterpret_cast<sockaddr const*>(&at), sizeof at) != 0 || listen(fd_, 64) != 0) {
-      if (fd_ >= 0) close(fd_);
-      throw std::runtime_error(std::string("cannot listen on ") + address);
-    }
-  }
-  ~BlackHole() { close(fd_); }
-  BlackHole(BlackHole const&) = delete;
-  BlackHole& operator=(BlackHole const&) = delete;
-
- private:
-  int fd_;
-};
 
 bool fileIs(AgentProcess const& agent, std::string const& requester, std::string const& path, std::string const& status,
             std::string const& state) {
@@ -157,7 +132,7 @@ TEST(AgentSshE2e, AHostThatWentDownIsCaughtUpOnceItIsBack) {
 TEST(AgentSshE2e, ADeadHostHoldsUpNoOneAndGetsEverythingOnceBack) {
   TempDir d;
   TestSshd sshd;
-  BlackHole const hole("127.0.0.2", sshd.port());
+  HungHost const hole("127.0.0.2", sshd.port());
   auto const backupAt = [&](std::string const& address) {
     replaceFile(d / "ssh_config", "Host backup\n  HostName " + address + "\n");
   };

@@ -33,7 +33,6 @@
 #include "runtime/FileDescriptor.h"
 #include "tests/agent/AgentProcess.h"
 #include "tests/support/TestFiles.h"
-#include "tests/support/TestProcess.h"
 #include "tests/support/WhatOf.h"
 
 namespace {
@@ -144,12 +143,6 @@ std::string rawExchange(std::string const& path, std::string const& bytes) {
 
 class ControlIntegration : public ::testing::Test {
  protected:
-  void SetUp() override {
-    Kel::activityManager();
-    descriptorsBefore_ = openDescriptors();
-  }
-  void TearDown() override { EXPECT_EQ(openDescriptors(), descriptorsBefore_) << "a descriptor leaked"; }
-
   // Records each request the handler gets; answers a status with a payload.
   Agent::ControlServer::Handler recorder() {
     return [this](json const& request) -> json {
@@ -165,7 +158,6 @@ class ControlIntegration : public ::testing::Test {
   // The server is to create the socket's directory.
   std::string const path_ = root_ + "/run/filerep.sock";
   std::vector<json> handled_;
-  std::size_t descriptorsBefore_ = 0;
 };
 
 TEST_F(ControlIntegration, RoundTripsRequestsOnAPrivateSocket) {

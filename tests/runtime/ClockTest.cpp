@@ -58,10 +58,7 @@ class ClockTest : public ::testing::Test {
     clock_->manualTimeIs(true);
     clock_->nowIs(1000);
   }
-  void TearDown() override {
-    clock_->manualTimeIs(false);
-    EXPECT_EQ(clock_->armedTimers(), 0u);
-  }
+  void TearDown() override { clock_->manualTimeIs(false); }
 
   Ptr<Timer> timer(int id, double at) {
     Ptr<Timer> t = Timer::TimerIs(clock_, &fired_, id);
@@ -69,7 +66,8 @@ class ClockTest : public ::testing::Test {
     return t;
   }
 
-  Ptr<Clock> clock_ = Clock::ClockIs();
+  // The process's: what a test leaves armed on it fails the test.
+  Ptr<Clock> clock_ = activityManager()->clock();
   std::vector<Firing> fired_;
 };
 
@@ -320,8 +318,6 @@ TEST(ClockIntegration, WallClockStepNeitherFiresNorStallsAPendingTimer) {
   t->timeMinIs(clock->now() + 0.2);
   EXPECT_GT(clock->waitTime(), 0.1);
   EXPECT_LE(clock->waitTime(), 0.2);
-  t = nullptr;
-  EXPECT_EQ(clock->armedTimers(), 0u);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "tests/support/TestProcess.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
@@ -9,8 +10,10 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -71,15 +74,37 @@ pid_t spawnProcess(std::vector<std::string> const& argv, std::vector<std::string
   return pid;
 }
 
-std::size_t openDescriptors() {
-  std::size_t count = 0;
-  for ([[maybe_unused]] auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
-  return count;
+std::map<int, std::string> openDescriptorTargets() {
+  std::map<int, std::string> targets;
+  DIR* const list = opendir("/proc/self/fd");
+  if (!list) throw std::runtime_error(std::string("/proc/self/fd: ") + std::strerror(errno));
+  while (dirent const* entry = readdir(list)) {
+    if (entry->d_name[0] == '.' || std::atoi(entry->d_name) == dirfd(list)) continue;
+    std::error_code error;
+    // One another thread closes meanwhile is skipped.
+    std::filesystem::path const target =
+        std::filesystem::read_symlink(std::string("/proc/self/fd/") + entry->d_name, error);
+    if (!error) targets.emplace(std::atoi(entry->d_name), target);
+  }
+  closedir(list);
+  return targets;
+}
+
+std::vector<pid_t> childrenOf(pid_t pid) {
+  std::vector<pid_t> children;
+  std::error_code ignored;
+  // Each thread lists the children it started.
+  for (auto const& thread : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ignored)) {
+    std::ifstream list(thread.path() / "children");
+    for (pid_t child; list >> child;) children.push_back(child);
+  }
+  return children;
 }
 
 int exitCode(pid_t pid) {
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }

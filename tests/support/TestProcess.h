@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -13,9 +14,12 @@
 // entries for one name the first wins.
 pid_t spawnProcess(std::vector<std::string> const& argv, std::vector<std::string> const& environment,
                    std::string const& directory, int out, int err);
-// How many descriptors this process has open.
-std::size_t openDescriptors();
-// Reaps pid; its exit status, or -1 when a signal ended it.
+// The descriptors open, by number, with what each refers to.
+std::map<int, std::string> openDescriptorTargets();
+// The children pid has right now, started and not yet reaped.
+std::vector<pid_t> childrenOf(pid_t pid);
+// Reaps pid; its exit status, or -1 when a signal ended it or it cannot be
+// reaped.
 int exitCode(pid_t pid);
 
 // A child with its stdout and stderr on pipes, killed and reaped at the

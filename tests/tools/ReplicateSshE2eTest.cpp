@@ -1,10 +1,7 @@
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <pwd.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +9,7 @@
 #include <filesystem>
 #include <regex>
 
+#include "tests/support/HungHost.h"
 #include "tests/support/TestFiles.h"
 #include "tests/support/TestSshd.h"
 #include "tests/tools/ReplicateProcess.h"
@@ -45,26 +43,6 @@ class Runtime {
   TempDir directory_;
 };
 
-// A host whose kernel takes connections that nobody ever answers.
-class DeadHost {
- public:
-  DeadHost(const char* address, int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in where{};
-    where.sin_family = AF_INET;
-    where.sin_port = htons(static_cast<uint16_t>(port));
-    inet_pton(AF_INET, address, &where.sin_addr);
-    if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&where), sizeof where) != 0 || listen(fd_, 16) != 0) {
-      throw std::runtime_error(std::string("cannot listen on ") + address);
-    }
-  }
-  ~DeadHost() { close(fd_); }
-  DeadHost(const DeadHost&) = delete;
-  DeadHost& operator=(const DeadHost&) = delete;
-
- private:
-  int fd_;
-};
-
 std::chrono::system_clock::time_point modified(const std::string& path) {
   struct stat status {};
   stat(path.c_str(), &status);
@@ -92,7 +70,7 @@ TEST(ReplicateSshE2e, CopiesToLiveHostsAtOnceAndLeavesADeadOneAlone) {
   TempDir directory;
   TestSshd sshd;
   Runtime runtime;
-  const DeadHost dead("127.0.0.2", sshd.port());
+  const HungHost dead("127.0.0.2", sshd.port());
   // The words reach ssh through rsync's splitting of -e as well as directly.
   const std::string keys = directory / "keys with 'quotes'";
   std::filesystem::create_directory(keys);
