@@ -42,6 +42,11 @@ bool isFile(std::string const& path) {
   return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
+bool isDirectory(std::string const& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
 bool isGone(std::string const& path) {
   struct stat st;
   return lstat(path.c_str(), &st) != 0 && FileReplication::Utils::missing(errno);
@@ -215,6 +220,8 @@ void TreeRequester::rescanUnder(std::size_t k, std::string const& dir) {
   for (auto const& path : walk.files) {
     if (!members_.contains(path)) add(k, path);
   }
+  // A directory may have taken the name of a file that went.
+  if (!departing_.empty()) sweepSoon();
 }
 
 void TreeRequester::considerFile(std::size_t k, std::string const& path) {
@@ -271,13 +278,22 @@ void TreeRequester::watchDeparture(std::string const& path, Member& m) {
 void TreeRequester::sweepSoon() { sweepTimer_->timeMinIs(Kel::now()); }
 
 // A file is dropped once a run that began after it went has succeeded and it
-// is still gone: that run deleted its copies.
+// is still gone: that run deleted its copies. One whose name a directory
+// took is dropped at once, since its machine would try to copy the
+// directory, and its copies are deleted on the way: a deletion refuses a
+// directory, so one already copied in their place stays.
 void TreeRequester::sweep() {
   retired_.clear();
   auto rc = requesterConfig();
   std::vector<std::string> dropped;
   for (auto const& path : departing_) {
     Member& m = members_.find(path)->second;
+    if (isDirectory(path)) {
+      auto const f = rc ? rc->file(Kel::Name(path)) : nullptr;
+      if (f) FileReplication::Commands::deleteFile(rc->remoteHostsString(), f->dstPath(), rc->sshOptions());
+      dropped.push_back(path);
+      continue;
+    }
     auto const fs = fileStatus(path);
     if (!fs || fs->status() != FileStatus::synchronized || fs->lastSynchronized() < m.departedAt) continue;
     if (!isGone(path)) continue;

@@ -69,6 +69,18 @@ TEST(AgentTreeE2e, FollowsATreeAndAPatternLive) {
   writeFile(d / "later/p/q/site.conf", "s");
   EXPECT_TRUE(eventually([&] { return readFile(d / "dst-later/p/q/site.conf") == "s"; })) << agent.log();
 
+  // A directory replaced by a file, and back: each takes the other's place
+  // at the destination, and the file's member goes with it.
+  fs::remove_all(d / "src/z");
+  writeFile(d / "src/z", "zf");
+  EXPECT_TRUE(eventually([&] { return readFile(d / "dst/z") == "zf"; })) << agent.log();
+  fs::remove(d / "src/z");
+  fs::create_directories(d / "src/z/y");
+  writeFile(d / "src/z/y/deep", "deep2");
+  EXPECT_TRUE(eventually([&] {
+    return readFile(d / "dst/z/y/deep") == "deep2" && fileStatus(agent.status(), "web", d / "src/z").is_null();
+  })) << agent.log();
+
   for (auto const* litter : {"a.swp", "x/.y.swp", "x/4913", "z/4913", "cache/c"}) {
     EXPECT_FALSE(exists(d / "dst/" + litter)) << litter;
   }

@@ -1,6 +1,8 @@
 #include "tools/Replicate/FileCopy.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <optional>
 
@@ -15,6 +17,23 @@
 namespace Replicate {
 
 namespace {
+
+// Removes directory and the directories below it when none of them holds
+// anything but directories, as a tree's directory is left once a file took
+// its name; one that holds anything else stays, with those above it.
+void pruneLocalDirectory(const std::string& directory) {
+  if (DIR* dir = opendir(directory.c_str())) {
+    while (const dirent* entry = readdir(dir)) {
+      const std::string name = entry->d_name;
+      if (name == "." || name == "..") continue;
+      const std::string path = directory + "/" + name;
+      struct stat status {};
+      if (lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) pruneLocalDirectory(path);
+    }
+    closedir(dir);
+  }
+  rmdir(directory.c_str());
+}
 
 // rsync's end; a copy that failed while the source changed under it is run
 // again, a few times. Remote runs keep their stderr to be looked at.
@@ -39,10 +58,15 @@ bool copyFile(const CommandLine& line) {
   std::vector<std::string> arguments = rsyncArguments(line.rsyncOptions);
 
   if (line.remoteHosts.empty()) {
-    // rsync would put the file inside the directory and call it done.
+    // rsync would put the file inside the directory and call it done. One
+    // that holds no file, as a tree's directory left once a file took its
+    // name, makes way.
     if (struct stat target{}; stat(line.target.c_str(), &target) == 0 && S_ISDIR(target.st_mode)) {
-      report("target " + printable(line.target) + " is a directory");
-      return false;
+      pruneLocalDirectory(line.target);
+      if (stat(line.target.c_str(), &target) == 0 && S_ISDIR(target.st_mode)) {
+        report("target " + printable(line.target) + " is a directory");
+        return false;
+      }
     }
     if (const std::string parent = parentOf(line.target); !parent.empty()) makeDirectories(parent);
     arguments.insert(arguments.end(), {"--", localPathForRsync(line.source), localPathForRsync(line.target)});
@@ -69,6 +93,7 @@ bool copyFile(const CommandLine& line) {
         copy = succeeded(made->status) ? copyWhileChanging(rsync, toHost, line.source, state, true) : *made;
       }
     }
+
     return hosts.settle(host, copy, RemoteCommand::rsync);
   }));
 }
