@@ -117,12 +117,18 @@ TEST(ReplicateLocalIntegration, ReportsWhatFailed) {
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.err, HasSubstr("Replicate: rsync failed with exit code 1 (syntax or usage error)"));
 
-  // A directory where the copy belongs is not the copy.
-  std::filesystem::create_directories(directory / "in-the-way");
+  // A directory where the copy belongs is not the copy; one that holds only
+  // directories makes way for it.
+  std::filesystem::create_directories(directory / "in-the-way/deeper");
+  writeFile(directory / "in-the-way/deeper/kept", "kept");
   result = copy(directory, "source", "in-the-way", "-a");
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.err, HasSubstr("target \"in-the-way\" is a directory"));
   EXPECT_FALSE(exists(directory / "in-the-way/source"));
+  EXPECT_EQ(readFile(directory / "in-the-way/deeper/kept"), "kept");
+  std::filesystem::remove(directory / "in-the-way/deeper/kept");
+  EXPECT_EQ(copy(directory, "source", "in-the-way", "-a").status, 0);
+  EXPECT_TRUE(std::filesystem::is_regular_file(directory / "in-the-way"));
 }
 
 TEST(ReplicateLocalIntegration, NeitherOptionsNorNamesRunAsCode) {
