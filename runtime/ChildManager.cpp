@@ -86,9 +86,6 @@ std::string contentsOf(int fd, std::size_t limit = std::string::npos) {
   return text;
 }
 
-// A captured stderr: ours when it cannot be made, as it would have been anyway.
-int errorOutputFile(bool wanted) { return wanted ? memoryFileOf({}) : -1; }
-
 }  // namespace
 
 ChildManager::ChildManager(EventLoop& loop)
@@ -197,12 +194,14 @@ pid_t ChildManager::launch(Ptr<ChildSiginfo> const& child, ChildSetup const& set
 
 void ChildManager::start(Ptr<ChildSiginfo> const& child, ChildSetup const& setup) {
   ChildSetup own = setup;
-  own.stderrFd = child->capturesStderr_ ? errorOutputFile(true) : setup.stderrFd;
+  // A capture that cannot be made leaves the child our stderr, as it would
+  // have had without one.
+  if (child->capturesStderr_) own.stderrFd = memoryFileOf({});
   pid_t const pid = launch(child, own);
   if (own.stderrFd != setup.stderrFd) {
-    if (pid > 0 && own.stderrFd >= 0) {
+    if (pid > 0) {
       child->errorOutputFd_ = own.stderrFd;
-    } else if (own.stderrFd >= 0) {
+    } else {
       ::close(own.stderrFd);
     }
   }
@@ -266,7 +265,7 @@ void ChildManager::startBatch(std::vector<Ptr<ChildSiginfo>> const& members) {
   ChildBatcher::Carrier work = batcher_->carrierOf(members);
   int const input = memoryFileOf(work.input);
   int const output = input < 0 ? -1 : memoryFileOf({});
-  int const errors = output < 0 ? -1 : errorOutputFile(members.front()->capturesStderr_);
+  int const errors = output < 0 ? -1 : members.front()->capturesStderr_ ? memoryFileOf({}) : -1;
   Ptr<ChildSiginfo> carrier = new ChildSiginfo(ChildArgs(work.argv));
   carrier->manager_ = this;
   pid_t const pid = output < 0 ? 0 : launch(carrier, ChildSetup{input, output, errors, -1});
