@@ -29,18 +29,15 @@ class RequesterConfigSmBase::KelRequesterConfig
 
 Kel::Ptr<RequesterConfigSmBase> RequesterConfigSmBase::RequesterConfigSmBaseIs(
     Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig, Kel::Ptr<RequesterStatus> requesterStatus) {
-  return new RequesterConfigSmBase(name, std::move(requesterConfig), std::move(requesterStatus));
+  Kel::Ptr<RequesterConfigSmBase> sm = new RequesterConfigSmBase(name, std::move(requesterStatus));
+  sm->requesterConfigIs(requesterConfig);
+  return sm;
 }
 
-RequesterConfigSmBase::RequesterConfigSmBase(Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig,
-                                             Kel::Ptr<RequesterStatus> requesterStatus)
-    : name_(name), requesterConfig_(this), requesterStatus_(std::move(requesterStatus)) {
-  // Binding catches up at once; a subclass is not constructed yet, so this
-  // runs the base's own handleEnabled and handlePeriod.
-  requesterConfigIs(requesterConfig);
-}
+RequesterConfigSmBase::RequesterConfigSmBase(Kel::Name name, Kel::Ptr<RequesterStatus> requesterStatus)
+    : name_(name), requesterConfig_(this), requesterStatus_(std::move(requesterStatus)) {}
 
-RequesterConfigSmBase::~RequesterConfigSmBase() { remoteHostSmDel(); }
+RequesterConfigSmBase::~RequesterConfigSmBase() { releaseRemoteHostSm(); }
 
 Kel::Ptr<RequesterConfig const> RequesterConfigSmBase::requesterConfig() const { return requesterConfig_->notifier(); }
 
@@ -85,7 +82,9 @@ Kel::Ptr<ReplicationSm> RequesterConfigSmBase::replicationSm(Kel::String const&)
 
 RequesterConfigSmBase::UnwatchedCollection RequesterConfigSmBase::unwatchedDirectories() const { return {}; }
 
-Kel::Ptr<RemoteHostSm> RequesterConfigSmBase::remoteHostSmDel() {
+Kel::Ptr<RemoteHostSm> RequesterConfigSmBase::remoteHostSmDel() { return releaseRemoteHostSm(); }
+
+Kel::Ptr<RemoteHostSm> RequesterConfigSmBase::releaseRemoteHostSm() {
   Kel::Ptr<RemoteHostSm> old = std::move(remoteHostSm_);
   if (old) old->hasNotificationActiveIs(false);
   return old;

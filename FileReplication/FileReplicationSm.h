@@ -60,12 +60,16 @@ class RequesterConfigSmBase : public Kel::Entity {
   static Kel::NamedOperations<RequesterConfigSmBase> const& operations();
 
  protected:
-  RequesterConfigSmBase(Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig,
-                        Kel::Ptr<RequesterStatus> requesterStatus);
+  // Unbound: each factory binds the configuration once the whole machine
+  // exists, so that catching up reaches the subclass's handlers.
+  RequesterConfigSmBase(Kel::Name name, Kel::Ptr<RequesterStatus> requesterStatus);
   ~RequesterConfigSmBase() override;
 
  private:
   class KelRequesterConfig;
+
+  // remoteHostSmDel without the virtual call, for the destructor.
+  Kel::Ptr<RemoteHostSm> releaseRemoteHostSm();
 
   Kel::Name name_;
   Kel::Nested<KelRequesterConfig> requesterConfig_;

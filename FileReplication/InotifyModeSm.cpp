@@ -120,14 +120,14 @@ void InotifyDirSm::onDirOverflow() { owner_->handleOverflow(); }
 
 Kel::Ptr<InotifyRequesterConfigSm> InotifyRequesterConfigSm::InotifyRequesterConfigSmIs(
     Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig, Kel::Ptr<RequesterStatus> requesterStatus) {
-  return new InotifyRequesterConfigSm(name, std::move(requesterConfig), std::move(requesterStatus));
+  Kel::Ptr<InotifyRequesterConfigSm> sm = new InotifyRequesterConfigSm(name, std::move(requesterStatus));
+  sm->requesterConfigIs(requesterConfig);
+  sm->handleInitialized();
+  return sm;
 }
 
-InotifyRequesterConfigSm::InotifyRequesterConfigSm(Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig,
-                                                   Kel::Ptr<RequesterStatus> requesterStatus)
-    : RequesterConfigSmBase(name, std::move(requesterConfig), std::move(requesterStatus)) {
-  handleInitialized();
-}
+InotifyRequesterConfigSm::InotifyRequesterConfigSm(Kel::Name name, Kel::Ptr<RequesterStatus> requesterStatus)
+    : RequesterConfigSmBase(name, std::move(requesterStatus)) {}
 
 InotifyRequesterConfigSm::~InotifyRequesterConfigSm() {
   linkTarget_ = LinkTargetCollection();
@@ -176,13 +176,15 @@ double InotifyRequesterConfigSm::eventClockTime() const {
 void InotifyRequesterConfigSm::handleInitialized() {
   KEL_TRACE(3, __PRETTY_FUNCTION__);
   remoteHostSmIs(this, requesterConfig());
-  handleEnabled();
+  // Set first: the handlers wait for it, and this is their first call.
   initialized_ = true;
+  handleEnabled();
 }
 
 void InotifyRequesterConfigSm::handleFile(Kel::Name name) {
   KEL_TRACE(3, __PRETTY_FUNCTION__);
-  if (!enabled()) return;
+  // Binding catches up before the remote host machine exists.
+  if (!initialized_ || !enabled()) return;
   RequesterConfigSmBase::handleFile(name);
   auto fileConfig = requesterConfig()->file(name);
   if (!fileConfig) {

@@ -111,8 +111,7 @@ class InotifyRequesterConfigSm : public RequesterConfigSmBase {
   void deleteIfNotExist() override;
 
  protected:
-  InotifyRequesterConfigSm(Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig,
-                           Kel::Ptr<RequesterStatus> requesterStatus);
+  InotifyRequesterConfigSm(Kel::Name name, Kel::Ptr<RequesterStatus> requesterStatus);
   ~InotifyRequesterConfigSm() override;
 
  private:

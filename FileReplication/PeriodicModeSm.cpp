@@ -17,14 +17,14 @@ class PeriodicRequesterConfigSm::KelClock
 
 Kel::Ptr<PeriodicRequesterConfigSm> PeriodicRequesterConfigSm::PeriodicRequesterConfigSmIs(
     Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig, Kel::Ptr<RequesterStatus> requesterStatus) {
-  return new PeriodicRequesterConfigSm(name, std::move(requesterConfig), std::move(requesterStatus));
+  Kel::Ptr<PeriodicRequesterConfigSm> sm = new PeriodicRequesterConfigSm(name, std::move(requesterStatus));
+  sm->requesterConfigIs(requesterConfig);
+  sm->handleInitialized();
+  return sm;
 }
 
-PeriodicRequesterConfigSm::PeriodicRequesterConfigSm(Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig,
-                                                     Kel::Ptr<RequesterStatus> requesterStatus)
-    : RequesterConfigSmBase(name, std::move(requesterConfig), std::move(requesterStatus)) {
-  handleInitialized();
-}
+PeriodicRequesterConfigSm::PeriodicRequesterConfigSm(Kel::Name name, Kel::Ptr<RequesterStatus> requesterStatus)
+    : RequesterConfigSmBase(name, std::move(requesterStatus)) {}
 
 PeriodicRequesterConfigSm::~PeriodicRequesterConfigSm() { replicationSmDelAll(); }
 
@@ -72,12 +72,15 @@ void PeriodicRequesterConfigSm::handleInitialized() {
   KEL_TRACE(3, __PRETTY_FUNCTION__);
   remoteHostSmIs(this, requesterConfig());
   clockIs(Kel::activityManager()->clock());
-  handleEnabled();
+  // Set first: the handlers wait for it, and this is their first call.
   initialized_ = true;
+  handleEnabled();
 }
 
 void PeriodicRequesterConfigSm::handleEnabled() {
   KEL_TRACE(3, __PRETTY_FUNCTION__);
+  // Binding catches up before the clock and the remote host machine exist.
+  if (!initialized_) return;
   // Nothing is torn down on disable: only the clock is parked.
   RequesterConfigSmBase::handleEnabled();
   handlePeriod();
@@ -85,7 +88,7 @@ void PeriodicRequesterConfigSm::handleEnabled() {
 
 void PeriodicRequesterConfigSm::handleFile(Kel::Name name) {
   KEL_TRACE(3, __PRETTY_FUNCTION__);
-  if (!enabled()) return;
+  if (!initialized_ || !enabled()) return;
   RequesterConfigSmBase::handleFile(name);
   auto fileConfig = requesterConfig()->file(name);
   if (!fileConfig) {

@@ -43,8 +43,7 @@ class PeriodicRequesterConfigSm : public RequesterConfigSmBase {
   void deleteIfNotExist() override;
 
  protected:
-  PeriodicRequesterConfigSm(Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig,
-                            Kel::Ptr<RequesterStatus> requesterStatus);
+  PeriodicRequesterConfigSm(Kel::Name name, Kel::Ptr<RequesterStatus> requesterStatus);
   ~PeriodicRequesterConfigSm() override;
 
  private:
