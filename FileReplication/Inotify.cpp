@@ -274,14 +274,6 @@ void InotifyMonitor::handleEvent() {
 
 // Watcher
 
-class Watcher::KelInotifyMonitor : public Kel::NestedReactor<Watcher, InotifyMonitor::NotifieeConst> {
- public:
-  using NestedReactor::NestedReactor;
-  void onNotifier() override { owner()->handleInotifyEventQueue(); }
-  void onInotifyEvent(std::uint32_t) override { owner()->handleInotifyEventQueue(); }
-  void onInotifyEvent() override { owner()->handleInotifyEventQueue(); }
-};
-
 class Watcher::KelEventClock : public Kel::NestedReactor<Watcher, Kel::Clock::NotifieeConst> {
  public:
   using NestedReactor::NestedReactor;

@@ -145,6 +145,17 @@ class InotifyMonitor : public Kel::Entity {
 
 Kel::Ptr<InotifyMonitor> inotifyMonitorFactory(Kel::Name name);
 
+// Hands every news of a monitor's queue, and the queue found on binding, to
+// the owner's handleInotifyEventQueue.
+template <class Owner>
+class InotifyQueueReactor : public Kel::NestedReactor<Owner, InotifyMonitor::NotifieeConst> {
+ public:
+  using Kel::NestedReactor<Owner, InotifyMonitor::NotifieeConst>::NestedReactor;
+  void onNotifier() override { this->owner()->handleInotifyEventQueue(); }
+  void onInotifyEvent(std::uint32_t) override { this->owner()->handleInotifyEventQueue(); }
+  void onInotifyEvent() override { this->owner()->handleInotifyEventQueue(); }
+};
+
 // Watches one path with a monitor of its own and hands its events, one at a
 // time, to handleInotifyEvent, which a concrete watcher overrides. A burst is
 // handled at most ten events per turn of the event loop.
@@ -179,7 +190,6 @@ class Watcher : public Kel::PtrInterface {
   ~Watcher() override;
 
  private:
-  class KelInotifyMonitor;
   class KelEventClock;
 
   Kel::String path_;
@@ -188,7 +198,7 @@ class Watcher : public Kel::PtrInterface {
   Kel::Ptr<Kel::Clock> eventClock_;
   bool initialized_ = false;
 
-  Kel::Nested<KelInotifyMonitor> kelInotifyMonitor_;
+  Kel::Nested<InotifyQueueReactor<Watcher>> kelInotifyMonitor_;
   Kel::Nested<KelEventClock> kelEventClock_;
 };
 

@@ -22,14 +22,6 @@ bool holds(std::vector<InotifyWatches::Subscriber*> const& holders, InotifyWatch
 
 }  // namespace
 
-class InotifyWatches::KelInotifyMonitor : public Kel::NestedReactor<InotifyWatches, InotifyMonitor::NotifieeConst> {
- public:
-  using NestedReactor::NestedReactor;
-  void onNotifier() override { owner()->handleInotifyEventQueue(); }
-  void onInotifyEvent(std::uint32_t) override { owner()->handleInotifyEventQueue(); }
-  void onInotifyEvent() override { owner()->handleInotifyEventQueue(); }
-};
-
 class InotifyWatches::KelEventClock : public Kel::NestedReactor<InotifyWatches, Kel::Clock::NotifieeConst> {
  public:
   using NestedReactor::NestedReactor;

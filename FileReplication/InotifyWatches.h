@@ -64,14 +64,13 @@ class InotifyWatches : public Kel::PtrInterface {
   void handleInotifyEvent(InotifyEvent const& event);
 
  private:
-  class KelInotifyMonitor;
   class KelEventClock;
 
   InotifyWatches();
   ~InotifyWatches() override;
 
   Kel::Ptr<InotifyMonitor> monitor_;
-  Kel::Nested<KelInotifyMonitor> monitorReactor_;
+  Kel::Nested<InotifyQueueReactor<InotifyWatches>> monitorReactor_;
   Kel::Nested<KelEventClock> eventClock_;
   std::unordered_map<std::uint32_t, std::vector<Subscriber*>> holders_;
   std::unordered_set<Subscriber*> subscribers_;
