@@ -7,6 +7,7 @@
 #include "FileReplication/FileReplicationUtils.h"
 #include "FileReplication/Log.h"
 #include "runtime/ActivityManager.h"
+#include "runtime/ClockReactor.h"
 #include "runtime/Exception.h"
 #include "runtime/Trace.h"
 
@@ -31,10 +32,9 @@ bool isDirectory(Kel::String const& path) {
 
 }  // namespace
 
-class DirWatch::KelRetryClock : public Kel::NestedReactor<DirWatch, Kel::Clock::NotifieeConst> {
+class DirWatch::KelRetryClock : public Kel::ClockReactor<DirWatch, &DirWatch::handleRetry> {
  public:
-  using NestedReactor::NestedReactor;
-  void onTime() override { owner()->handleRetry(); }
+  using ClockReactor::ClockReactor;
 };
 
 Kel::Ptr<DirWatch> DirWatch::DirWatchIs(Kel::String path, Listener* listener, double retryDelay) {

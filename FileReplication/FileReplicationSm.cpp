@@ -5,6 +5,7 @@
 #include "FileReplication/ReplicationSm.h"
 #include "runtime/ActivityManager.h"
 #include "runtime/Assert.h"
+#include "runtime/ClockReactor.h"
 #include "runtime/Trace.h"
 
 KEL_TRACE_FACILITY("FileReplicationSm")
@@ -124,11 +125,10 @@ class RemoteHostSm::KelRequesterConfig : public Kel::NestedReactor<RemoteHostSm,
   void onRemoteHost(Kel::String hostOrIp) override { owner()->handleRemoteHost(std::move(hostOrIp)); }
 };
 
-class RemoteHostSm::KelRemoteHostReplicationClock : public Kel::NestedReactor<RemoteHostSm, Kel::Clock::NotifieeConst> {
+class RemoteHostSm::KelRemoteHostReplicationClock
+    : public Kel::ClockReactor<RemoteHostSm, &RemoteHostSm::handleRemoteHostReplicationClock, Kel::OnBinding::handle> {
  public:
-  using NestedReactor::NestedReactor;
-  void onNotifier() override { owner()->handleRemoteHostReplicationClock(); }
-  void onTime() override { owner()->handleRemoteHostReplicationClock(); }
+  using ClockReactor::ClockReactor;
 };
 
 Kel::Ptr<RemoteHostSm> RemoteHostSm::RemoteHostSmIs(RequesterConfigSmBase* requesterConfigSmBase,

@@ -12,6 +12,7 @@
 
 #include "runtime/ActivityManager.h"
 #include "runtime/Assert.h"
+#include "runtime/ClockReactor.h"
 #include "runtime/Exception.h"
 #include "runtime/Trace.h"
 
@@ -274,14 +275,9 @@ void InotifyMonitor::handleEvent() {
 
 // Watcher
 
-class Watcher::KelEventClock : public Kel::NestedReactor<Watcher, Kel::Clock::NotifieeConst> {
+class Watcher::KelEventClock : public Kel::ClockReactor<Watcher, &Watcher::handleEventClock, Kel::OnBinding::handle> {
  public:
-  using NestedReactor::NestedReactor;
-  void onNotifier() override {
-    Kel::Clock::NotifieeConst::onNotifier();
-    owner()->handleEventClock();
-  }
-  void onTime() override { owner()->handleEventClock(); }
+  using ClockReactor::ClockReactor;
 };
 
 Kel::Ptr<Watcher> Watcher::WatcherIs(Kel::String path) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "runtime/ActivityManager.h"
+#include "runtime/ClockReactor.h"
 #include "runtime/Trace.h"
 
 KEL_TRACE_FACILITY("FileReplicationInotify")
@@ -22,10 +23,9 @@ bool holds(std::vector<InotifyWatches::Subscriber*> const& holders, InotifyWatch
 
 }  // namespace
 
-class InotifyWatches::KelEventClock : public Kel::NestedReactor<InotifyWatches, Kel::Clock::NotifieeConst> {
+class InotifyWatches::KelEventClock : public Kel::ClockReactor<InotifyWatches, &InotifyWatches::handleEventClock> {
  public:
-  using NestedReactor::NestedReactor;
-  void onTime() override { owner()->handleEventClock(); }
+  using ClockReactor::ClockReactor;
 };
 
 Kel::Ptr<InotifyWatches> InotifyWatches::instance() { return shared ? shared : new InotifyWatches; }

@@ -1,6 +1,7 @@
 #include "FileReplication/PeriodicModeSm.h"
 
 #include "runtime/ActivityManager.h"
+#include "runtime/ClockReactor.h"
 #include "runtime/Trace.h"
 
 KEL_TRACE_FACILITY("FileReplicationSm")
@@ -8,11 +9,10 @@ KEL_TRACE_FACILITY("FileReplicationSm")
 namespace FileReplication {
 
 class PeriodicRequesterConfigSm::KelClock
-    : public Kel::NestedReactor<PeriodicRequesterConfigSm, Kel::Clock::NotifieeConst> {
+    : public Kel::ClockReactor<PeriodicRequesterConfigSm, &PeriodicRequesterConfigSm::handleClock,
+                               Kel::OnBinding::handle> {
  public:
-  using NestedReactor::NestedReactor;
-  void onNotifier() override { owner()->handleClock(); }
-  void onTime() override { owner()->handleClock(); }
+  using ClockReactor::ClockReactor;
 };
 
 Kel::Ptr<PeriodicRequesterConfigSm> PeriodicRequesterConfigSm::PeriodicRequesterConfigSmIs(

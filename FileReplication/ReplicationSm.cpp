@@ -11,6 +11,7 @@
 #include "FileReplication/FileReplicationUtils.h"
 #include "FileReplication/Log.h"
 #include "runtime/ActivityManager.h"
+#include "runtime/ClockReactor.h"
 #include "runtime/Exception.h"
 #include "runtime/Trace.h"
 
@@ -61,18 +62,16 @@ class ReplicationSm::KelRequesterConfig : public Kel::NestedReactor<ReplicationS
   void onRemoteHost() override { owner()->handleEnabled(); }
 };
 
-class ReplicationSm::KelReplicationTimeoutClock : public Kel::NestedReactor<ReplicationSm, Kel::Clock::NotifieeConst> {
+class ReplicationSm::KelReplicationTimeoutClock
+    : public Kel::ClockReactor<ReplicationSm, &ReplicationSm::handleReplicationTimeout, Kel::OnBinding::handle> {
  public:
-  using NestedReactor::NestedReactor;
-  void onNotifier() override { owner()->handleReplicationTimeout(); }
-  void onTime() override { owner()->handleReplicationTimeout(); }
+  using ClockReactor::ClockReactor;
 };
 
-class ReplicationSm::KelBackoffClock : public Kel::NestedReactor<ReplicationSm, Kel::Clock::NotifieeConst> {
+class ReplicationSm::KelBackoffClock
+    : public Kel::ClockReactor<ReplicationSm, &ReplicationSm::handleBackoffTimeout, Kel::OnBinding::handle> {
  public:
-  using NestedReactor::NestedReactor;
-  void onNotifier() override { owner()->handleBackoffTimeout(); }
-  void onTime() override { owner()->handleBackoffTimeout(); }
+  using ClockReactor::ClockReactor;
 };
 
 class ReplicationSm::KelReplicationCmd : public Kel::NestedReactor<ReplicationSm, Kel::ChildSiginfo::NotifieeConst> {

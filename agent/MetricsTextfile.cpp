@@ -11,6 +11,7 @@
 #include <filesystem>
 
 #include "runtime/ActivityManager.h"
+#include "runtime/ClockReactor.h"
 
 namespace Agent {
 
@@ -43,10 +44,9 @@ std::string replaceFile(std::string const& path, std::string const& text) {
 
 }  // namespace
 
-class MetricsTextfile::WriteTimer : public Kel::NestedReactor<MetricsTextfile, Kel::Clock::NotifieeConst> {
+class MetricsTextfile::WriteTimer : public Kel::ClockReactor<MetricsTextfile, &MetricsTextfile::write> {
  public:
-  using NestedReactor::NestedReactor;
-  void onTime() override { owner()->write(); }
+  using ClockReactor::ClockReactor;
 };
 
 class MetricsTextfile::StatusWatch

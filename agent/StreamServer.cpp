@@ -9,7 +9,7 @@
 #include <stdexcept>
 
 #include "runtime/ActivityManager.h"
-#include "runtime/Clock.h"
+#include "runtime/ClockReactor.h"
 #include "runtime/FileDescriptor.h"
 #include "runtime/Trace.h"
 
@@ -73,11 +73,7 @@ class StreamServer::Connection : public Kel::FileDescriptor::Notifiee {
   void closeDescriptor();
 
  private:
-  class Deadline : public Kel::NestedReactor<Connection, Kel::Clock::Notifiee> {
-   public:
-    using NestedReactor::NestedReactor;
-    void onTime() override { owner()->onDeadline(); }
-  };
+  using Deadline = Kel::ClockReactor<Connection, &Connection::onDeadline>;
 
   // Nothing may escape into the loop: the agent serves on.
   void serve(void (Connection::*step)());
