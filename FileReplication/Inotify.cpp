@@ -246,7 +246,7 @@ void InotifyMonitor::handleEvent() {
   if (fd < 0) return;
   // A reader may drop the last pointer to this monitor while it is told of
   // an event; the rest of the buffer is still queued.
-  Kel::Ptr<InotifyMonitor> const keep(references() ? this : nullptr);
+  Kel::Ptr<InotifyMonitor> const keep(this);
   alignas(inotify_event) char buffer[readBufferSize];
   ssize_t const n = read(fd, buffer, sizeof buffer);
   if (n < 0) {
@@ -323,7 +323,7 @@ void Watcher::handleEventClock() {
   KEL_TRACE(3, "void FileReplication::Watcher::handleEventClock()");
   if (!initialized_) return;
   // A handler may drop the last pointer to this watcher or its monitor.
-  Kel::Ptr<Watcher> const keep(references() ? this : nullptr);
+  Kel::Ptr<Watcher> const keep(this);
   // Ten at a time, so that a burst does not hold up the rest of the loop.
   for (unsigned handled = 0; handled < 10 && inotifyMonitor_ && inotifyMonitor_->inotifyEvents() > 0; ++handled) {
     handleInotifyEvent(inotifyMonitor_->inotifyEventDeq());
