@@ -218,8 +218,11 @@ TEST(ReplicateLocalIntegration, CopiesABatchAndFailsOnlyTheFilesThatFail) {
   for (const std::string& name : names) writeFile(source + name, "second " + name);
   writeFile(source + "blocked", "x");
   writeNested(target + "blocked/inside", "in the way");
+  writeFile(source + "cleared", "x");
+  std::filesystem::create_directories(target + "cleared/only/directories");
   std::vector<std::string> batch = names;
   batch.insert(batch.begin() + 3, "blocked");
+  batch.insert(batch.begin() + 4, "cleared");
   batch.insert(batch.begin() + 6, "gone");
   batch.push_back("nested/../plain");
   result = copyBatch(directory, batch);
@@ -230,6 +233,7 @@ TEST(ReplicateLocalIntegration, CopiesABatchAndFailsOnlyTheFilesThatFail) {
   EXPECT_THAT(result.err, HasSubstr("Replicate: refusing name \"nested/../plain\""));
   for (const std::string& name : names) EXPECT_EQ(readFile(target + name), "second " + name) << name;
   EXPECT_EQ(readFile(target + "blocked/inside"), "in the way");
+  EXPECT_EQ(readFile(target + "cleared"), "x");
 
   result = copyBatch(directory, {});
   EXPECT_EQ(result.status, 0) << result.err;

@@ -229,4 +229,42 @@ TEST(ReplicateSshE2e, PassesAnyNameIntactAndRunsNothingAsCode) {
   EXPECT_FALSE(exists(homeCanary));
 }
 
+// What a tree leaves at the destination when one of its directories became
+// a file: directories that hold only directories make way, one and the same
+// for a single copy and a batch, and one that holds a file is not replaced
+// nor copied into.
+TEST(ReplicateSshE2e, ADirectoryInAFilesWayMakesWayUnlessItHoldsAFile) {
+  TempDir directory;
+  TestSshd sshd;
+  Runtime runtime;
+  const std::vector<std::string> environment = {"RSYNC_RSH=" + sshd.rsyncRsh(), runtime.environment()};
+  std::filesystem::create_directory(directory / "source");
+  for (const std::string name : {"single", "held", "batched"}) writeFile(directory / ("source/" + name), name);
+  for (const std::string name : {"single/a/b", "held/a", "batched/a/b"}) {
+    std::filesystem::create_directories(directory / ("remote/" + name));
+  }
+  writeFile(directory / "remote/held/a/kept", "kept");
+  const auto copy = [&](const std::string& name) {
+    return runReplicate({"--cmd", "rsyncFile", "--remoteHosts", "localhost", "--source", directory / ("source/" + name),
+                         "--target", directory / ("remote/" + name), "--rsyncOptions", "-a"},
+                        directory.path(), environment);
+  };
+
+  ProcessResult result = copy("single");
+  EXPECT_EQ(result.status, 0) << result.err << sshd.log();
+  EXPECT_EQ(readFile(directory / "remote/single"), "single");
+  result = copy("held");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("cannot delete non-empty directory"));
+  EXPECT_EQ(readFile(directory / "remote/held/a/kept"), "kept");
+  EXPECT_FALSE(exists(directory / "remote/held/held"));
+
+  result = runReplicateWithInput({"--cmd", "rsyncFiles", "--remoteHosts", "localhost", "--source", directory / "source",
+                                  "--target", directory / "remote", "--rsyncOptions", "-a"},
+                                 std::string("batched\0held\0", 13), directory.path(), environment);
+  EXPECT_EQ(result.out, "0\n1\n") << result.err;
+  EXPECT_EQ(readFile(directory / "remote/batched"), "batched");
+  EXPECT_EQ(readFile(directory / "remote/held/a/kept"), "kept");
+}
+
 }  // namespace

@@ -5,15 +5,18 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string_view>
 
 #include "tools/Replicate/ChildProcess.h"
 #include "tools/Replicate/ChildStatus.h"
 #include "tools/Replicate/DestinationBatch.h"
+#include "tools/Replicate/DirectoriesInTheWay.h"
 #include "tools/Replicate/Printable.h"
 #include "tools/Replicate/RemoteDirectories.h"
 #include "tools/Replicate/RemoteHosts.h"
@@ -111,11 +114,20 @@ std::vector<DestinationBatch> destinationBatches(const CommandLine& line, const 
   return destinations;
 }
 
-void runToTheEnd(DestinationBatch& batch, const std::string& rsync, const std::vector<std::string>& names) {
+void runToTheEnd(DestinationBatch& batch, const std::string& rsync, const std::vector<std::string>& names,
+                 const std::string& targetRoot) {
+  std::set<std::string> pruned;
   while (!batch.done()) {
     const ListFile list(names, batch.nextList());
     // Our stdout is for the outcome of each name.
-    batch.finished(runChild(rsync, batch.arguments(), {.input = list.fd(), .outputToStderr = true}), names);
+    const ChildRun run = runCapturingErrors(rsync, batch.arguments(), {.input = list.fd(), .outputToStderr = true});
+    if (!succeeded(run.status)) {
+      const std::vector<std::string> inTheWay = directoriesInTheWay(run.errors, pruned);
+      for (const std::string& name : inTheWay) pruneLocalDirectory(targetRoot + name);
+      if (!inTheWay.empty()) continue;
+    }
+    std::fwrite(run.errors.data(), 1, run.errors.size(), stderr);
+    batch.finished(run.status, names);
   }
 }
 
@@ -123,6 +135,7 @@ void runToTheEnd(DestinationBatch& batch, const std::string& rsync, const std::v
 HostOutcome copyToHost(const RemoteHosts& hosts, const HostAddress& host, DestinationBatch& batch,
                        const std::string& rsync, const CommandLine& line, const std::vector<std::string>& names) {
   bool madeDirectories = false;
+  std::set<std::string> pruned;
   std::optional<RemoteFailure> last;
   std::optional<RemoteFailure> unreachable;
   while (!batch.done()) {
@@ -137,6 +150,13 @@ HostOutcome copyToHost(const RemoteHosts& hosts, const HostAddress& host, Destin
         hosts.record(host, failure);
         return HostOutcome::failed;
       }
+    }
+    if (!succeeded(run.status)) {
+      const std::vector<std::string> inTheWay = directoriesInTheWay(run.errors, pruned);
+      for (const std::string& name : inTheWay) {
+        pruneRemoteDirectory(rsync, line.rsyncOptions, hosts.shell(), host, withTrailingSlash(line.target) + name);
+      }
+      if (!inTheWay.empty()) continue;
     }
     const std::optional<RemoteFailure> failure = hosts.examine(host, run, RemoteCommand::rsync);
     batch.finished(run.status, names, failure ? failure->message : std::string());
@@ -213,7 +233,7 @@ std::vector<bool> copyFiles(const CommandLine& line, const std::vector<std::stri
     DestinationBatch& destination = destinations.front();
     try {
       makeDirectories(line.target);
-      runToTheEnd(destination, rsync, names);
+      runToTheEnd(destination, rsync, names, withTrailingSlash(line.target));
     } catch (const std::runtime_error& error) {
       destination.abandon(error.what());
     }

@@ -1,13 +1,14 @@
 #include "tools/Replicate/FileCopy.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <optional>
+#include <set>
 
 #include "tools/Replicate/ChildProcess.h"
 #include "tools/Replicate/ChildStatus.h"
+#include "tools/Replicate/DirectoriesInTheWay.h"
 #include "tools/Replicate/Printable.h"
 #include "tools/Replicate/RemoteDirectories.h"
 #include "tools/Replicate/RemoteHosts.h"
@@ -17,23 +18,6 @@
 namespace Replicate {
 
 namespace {
-
-// Removes directory and the directories below it when none of them holds
-// anything but directories, as a tree's directory is left once a file took
-// its name; one that holds anything else stays, with those above it.
-void pruneLocalDirectory(const std::string& directory) {
-  if (DIR* dir = opendir(directory.c_str())) {
-    while (const dirent* entry = readdir(dir)) {
-      const std::string name = entry->d_name;
-      if (name == "." || name == "..") continue;
-      const std::string path = directory + "/" + name;
-      struct stat status {};
-      if (lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) pruneLocalDirectory(path);
-    }
-    closedir(dir);
-  }
-  rmdir(directory.c_str());
-}
 
 // rsync's end; a copy that failed while the source changed under it is run
 // again, a few times. Remote runs keep their stderr to be looked at.
@@ -48,6 +32,16 @@ ChildRun copyWhileChanging(const std::string& rsync, const std::vector<std::stri
     copy = run();
   }
   return copy;
+}
+
+// The last component of path; empty when it ends in a slash.
+std::string baseName(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
+
+// The directory that holds path, as a destination rsync copies into.
+std::string directoryOf(const std::string& path) {
+  const std::string parent = parentOf(path);
+  if (!parent.empty()) return parent + "/";
+  return path.front() == '/' ? "/" : "./";
 }
 
 }  // namespace
@@ -79,12 +73,27 @@ bool copyFile(const CommandLine& line) {
 
   RemoteHosts hosts(line);
   addRemoteOptions(arguments, hosts.shell());
-  arguments.insert(arguments.end(), {"--", localPathForRsync(line.source)});
+  // Sent into its directory under its own name, the file replaces a
+  // directory in its way as rsync replaces any other file, where a target
+  // that is a directory would have it copied inside. A file renamed on the
+  // way can only be given the target itself.
+  const std::string name = baseName(line.target);
+  const bool sameName = !name.empty() && name == baseName(line.source);
+  if (sameName) {
+    const std::string sourcePath = localPathForRsync(line.source);
+    std::string directory = sourcePath.substr(0, sourcePath.size() - name.size());
+    // "./x" would have rsync say on stdout that it skips "."; "././x" not.
+    if (directory.empty()) directory = "./";
+    arguments.insert(arguments.end(), {"--relative", "--", directory + "./" + name});
+  } else {
+    arguments.insert(arguments.end(), {"--", localPathForRsync(line.source)});
+  }
+  const std::string destination = sameName ? directoryOf(line.target) : line.target;
   return allSucceeded(hosts.forEachHost([&](size_t i) {
     const HostAddress& host = hosts.hosts()[i];
     if (const std::optional<HostOutcome> outcome = hosts.prepare(host)) return *outcome;
     std::vector<std::string> toHost = arguments;
-    toHost.push_back(host.rsyncDestination(line.target));
+    toHost.push_back(host.rsyncDestination(destination));
     SourceState state = source;
     ChildRun copy = copyWhileChanging(rsync, toHost, line.source, state, true);
     if (!succeeded(copy.status) && missingRemoteDirectory(copy)) {
@@ -92,6 +101,10 @@ bool copyFile(const CommandLine& line) {
               makeRemoteDirectories(rsync, line.rsyncOptions, hosts.shell(), host, parentOf(line.target))) {
         copy = succeeded(made->status) ? copyWhileChanging(rsync, toHost, line.source, state, true) : *made;
       }
+    }
+    if (std::set<std::string> done; !succeeded(copy.status) && !directoriesInTheWay(copy.errors, done).empty()) {
+      const ChildRun pruned = pruneRemoteDirectory(rsync, line.rsyncOptions, hosts.shell(), host, line.target);
+      if (succeeded(pruned.status)) copy = copyWhileChanging(rsync, toHost, line.source, state, true);
     }
 
     return hosts.settle(host, copy, RemoteCommand::rsync);

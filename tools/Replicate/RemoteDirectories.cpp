@@ -144,4 +144,19 @@ std::optional<ChildRun> makeRemoteDirectories(const std::string& rsync, const st
   return run;
 }
 
+ChildRun pruneRemoteDirectory(const std::string& rsync, const std::vector<std::string>& rsyncOptions,
+                              const RemoteShell& shell, const HostAddress& host, const std::string& directory) {
+  const LocalTree empty;
+  std::vector<std::string> arguments = {"rsync"};
+  const std::vector<std::string> reaching = reachingOptions(rsyncOptions);
+  arguments.insert(arguments.end(), reaching.begin(), reaching.end());
+  // The receiver deletes what the empty tree lacks, but never what the
+  // filter excludes: every file, link and device stays, and with them the
+  // directories that hold them.
+  arguments.insert(arguments.end(),
+                   {"-r", "--delete", "--include=*/", "--exclude=*", "--protect-args", "-e", shell.command(), "--",
+                    empty.root() + "/", host.rsyncDestination(directory + "/")});
+  return runCapturingErrors(rsync, arguments, {.outputToStderr = true});
+}
+
 }  // namespace Replicate

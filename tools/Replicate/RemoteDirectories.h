@@ -26,4 +26,10 @@ std::optional<ChildRun> makeRemoteDirectories(const std::string& rsync, const st
                                               const RemoteShell& shell, const HostAddress& host,
                                               const std::string& directory);
 
+// Removes the directories below directory on host that hold nothing but
+// directories, as pruneLocalDirectory does here; directory itself stays,
+// for the copy to replace. rsyncOptions are as for makeRemoteDirectories.
+ChildRun pruneRemoteDirectory(const std::string& rsync, const std::vector<std::string>& rsyncOptions,
+                              const RemoteShell& shell, const HostAddress& host, const std::string& directory);
+
 }  // namespace Replicate
