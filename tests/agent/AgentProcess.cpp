@@ -36,11 +36,12 @@ bool eventually(std::function<bool()> const& cond, double seconds) {
   return true;
 }
 
-AgentProcess::AgentProcess(std::string const& config, std::string socket, std::vector<std::string> const& env)
+AgentProcess::AgentProcess(std::string const& config, std::string socket, std::vector<std::string> const& env,
+                           std::vector<std::string> launcher)
     : socket_(std::move(socket)), logPath_(socket_ + ".log") {
   int log = open(logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  pid_ =
-      spawnProcess({FILEREP_PROGRAM, "run", "--config", config, "--socket", socket_}, withReplicate(env), "", log, log);
+  launcher.insert(launcher.end(), {FILEREP_PROGRAM, "run", "--config", config, "--socket", socket_});
+  pid_ = spawnProcess(launcher, withReplicate(env), "", log, log);
   close(log);
 }
 

@@ -22,10 +22,11 @@ ProcessResult runCommand(std::vector<std::string> const& argv, std::vector<std::
 bool eventually(std::function<bool()> const& cond, double seconds = 30);
 
 // The real agent, `filerep run`, as a child process with the built
-// Replicate on PATH.
+// Replicate on PATH; launcher, when given, is a command that execs it.
 class AgentProcess {
  public:
-  AgentProcess(std::string const& config, std::string socket, std::vector<std::string> const& env = {});
+  AgentProcess(std::string const& config, std::string socket, std::vector<std::string> const& env = {},
+               std::vector<std::string> launcher = {});
   ~AgentProcess();
   AgentProcess(AgentProcess const&) = delete;
   AgentProcess& operator=(AgentProcess const&) = delete;

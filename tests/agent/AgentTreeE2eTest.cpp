@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
+#include <sstream>
 
 #include "tests/agent/AgentProcess.h"
 
@@ -101,6 +103,56 @@ TEST(AgentTreeE2e, PeriodicRescanAddsAndDeletes) {
   fs::remove(d / "src/a");
   EXPECT_TRUE(eventually([&] { return readFile(d / "dst/n/b") == "b" && !exists(d / "dst/a"); })) << agent.log();
   EXPECT_TRUE(eventually([&] { return fileStatus(agent.status(), "web", d / "src/a").is_null(); }));
+  EXPECT_EQ(0, agent.stop(SIGTERM)) << agent.log();
+}
+
+// The inotify watches the agent holds now.
+int watchesOf(pid_t pid) {
+  int watches = 0;
+  for (auto const& fd : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fdinfo")) {
+    std::istringstream lines(readFile(fd.path()));
+    for (std::string line; std::getline(lines, line);) watches += line.starts_with("inotify wd:");
+  }
+  return watches;
+}
+
+// The kernel's allowance of watches runs out while a tree grows: the files
+// it cannot follow are copied as they are but stay failed, saying what to
+// raise, until a watch stands. The agent runs in a user namespace, whose
+// allowance is its own.
+TEST(AgentTreeE2e, FilesBeyondTheWatchLimitFailUntilItIsRaised) {
+  if (std::system("unshare --user --map-root-user true 2>/dev/null") != 0) {
+    GTEST_SKIP() << "this kernel lets no process make a user namespace";
+  }
+  TempDir d;
+  fs::create_directories(d / "src");
+  fs::create_directories(d / "outside/grown/deeper");
+  writeFile(d / "src/a", "a");
+  writeFile(d / "outside/grown/deeper/g", "g");
+  writeFile(d / "filerep.yaml", treeConfig(d, "inotify"));
+  AgentProcess agent(d / "filerep.yaml", d / "filerep.sock", {}, {"unshare", "--user", "--map-root-user"});
+  ASSERT_TRUE(agent.ready()) << agent.log();
+  ASSERT_TRUE(eventually([&] { return readFile(d / "dst/a") == "a"; })) << agent.log();
+  auto const allowWatches = [&](int count) {
+    return runCommand({"nsenter", "--user", "--target", std::to_string(agent.pid()), "sh", "-c",
+                       "echo " + std::to_string(count) + " >/proc/sys/user/max_inotify_watches"})
+        .status;
+  };
+  ASSERT_EQ(0, allowWatches(watchesOf(agent.pid())));
+
+  fs::rename(d / "outside/grown", d / "src/grown");
+  auto const grown = [&] { return fileStatus(agent.status(), "web", d / "src/grown/deeper/g"); };
+  EXPECT_TRUE(eventually([&] {
+    auto const file = grown();
+    return readFile(d / "dst/grown/deeper/g") == "g" && file["state"] == "standby" && file["status"] == "failed" &&
+           file.value("lastError", "").find("fs.inotify.max_user_watches") != std::string::npos;
+  })) << grown().dump()
+      << agent.log();
+
+  ASSERT_EQ(0, allowWatches(1000));
+  EXPECT_TRUE(eventually([&] { return grown()["status"] == "synchronized"; })) << grown().dump() << agent.log();
+  writeFile(d / "src/grown/deeper/g", "followed");
+  EXPECT_TRUE(eventually([&] { return readFile(d / "dst/grown/deeper/g") == "followed"; })) << agent.log();
   EXPECT_EQ(0, agent.stop(SIGTERM)) << agent.log();
 }
 
