@@ -467,6 +467,12 @@ void ReplicationSm::updateFileStatus(FileStatus::Status status) {
 // syncErrorThreshold (the one to alert on) and one when it is back: a file
 // failing run after run does not fill the log.
 void ReplicationSm::reportOutcome(FileStatus::Status status) {
+  // Every failure moves to backoff first; a run stopped in another state
+  // was stopped by disabling, which went right.
+  if (status == FileStatus::failed && state_ != backoff) {
+    if (watchError_.empty()) fileStatus_->lastErrorIs("the run was stopped when replication was disabled");
+    return;
+  }
   std::uint32_t const before = fileStatus_->failuresInRow();
   if (status == FileStatus::synchronized) {
     fileStatus_->failuresInRowIs(0);

@@ -192,6 +192,8 @@ TEST_F(ReplicationSmTest, DisablingInEachStateStopsWhatIsRunning) {
   EXPECT_EQ(ReplicationSm::disabled, sm.state());
   EXPECT_EQ((std::vector<int>{SIGKILL}), children_.child(0).signals);
   EXPECT_EQ(FileStatus::failed, fs_->status());
+  EXPECT_EQ(0u, fs_->failuresInRow()) << "a stop is no failure to log or alert on";
+  EXPECT_EQ("the run was stopped when replication was disabled", fs_->lastError().str());
   EXPECT_EQ(Kel::Clock::never, sm.replicationTimeoutTime());
   sm.replicate();
   EXPECT_EQ(ReplicationSm::disabled, sm.state()) << "requests while disabled are dropped";
