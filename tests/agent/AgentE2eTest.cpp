@@ -186,7 +186,8 @@ TEST(AgentE2e, ManyFilesShareFewRunsAndAFailedCopyFailsOnlyItsFile) {
     }
   }
   std::string const broken = "d7/f42";
-  std::filesystem::create_directories(d / "dst/" + broken + "/in-the-way");
+  std::filesystem::create_directories(d / "dst/" + broken);
+  writeFile(d / "dst/" + broken + "/in-the-way", "not ours to remove");
   std::string const port = std::to_string(freePort());
   std::string text = "maxConcurrentReplications: 2\nmetrics: {textfile: " + (d / "metrics.prom") +
                      ", listen: \"127.0.0.1:" + port +
@@ -225,7 +226,7 @@ TEST(AgentE2e, ManyFilesShareFewRunsAndAFailedCopyFailsOnlyItsFile) {
   EXPECT_EQ(2, table.status);
   // rsync's own reason, told apart from the run's other files: they were
   // copied, and nothing is logged of them.
-  std::string const why = "could not make way for new regular file: " + broken;
+  std::string const why = "cannot delete non-empty directory: " + broken;
   EXPECT_NE(std::string::npos, table.out.find("\n    " + why)) << table.out;
   std::string const log = agent.log();
   EXPECT_NE(std::string::npos, log.find(d / "src/" + broken + " failed: " + why)) << log;
