@@ -96,9 +96,12 @@ bool missingRemoteDirectory(const ChildRun& run) {
   if (!WIFEXITED(run.status)) return false;
   const int code = WEXITSTATUS(run.status);
   // 3 when the directory of a single file is missing; 11 when rsync cannot
-  // make the target directory of a batch for want of its parent.
-  return code == 3 || (code == 11 && (holds(run.errors, "change_dir") || holds(run.errors, "mkdir ")) &&
-                       holds(run.errors, "No such file or directory"));
+  // make the target directory of a batch for want of its parent. The
+  // receiver's message of that may be lost as it exits: an 11 that says
+  // nothing is worth making the directories, which harms nothing.
+  const bool missing = (holds(run.errors, "change_dir") || holds(run.errors, "mkdir ")) &&
+                       holds(run.errors, "No such file or directory");
+  return code == 3 || (code == 11 && (missing || !holds(run.errors, "rsync")));
 }
 
 std::optional<ChildRun> makeRemoteDirectories(const std::string& rsync, const std::vector<std::string>& rsyncOptions,
