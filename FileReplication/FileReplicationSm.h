@@ -65,6 +65,15 @@ class RequesterConfigSmBase : public Kel::Entity {
   RequesterConfigSmBase(Kel::Name name, Kel::Ptr<RequesterStatus> requesterStatus);
   ~RequesterConfigSmBase() override;
 
+  // What a subclass's factory returns: sm bound, then initialised.
+  template <class Sm>
+  static Kel::Ptr<Sm> started(Sm* sm, Kel::Ptr<RequesterConfig const> const& requesterConfig) {
+    Kel::Ptr<Sm> const held = sm;
+    held->requesterConfigIs(requesterConfig);
+    held->handleInitialized();
+    return held;
+  }
+
  private:
   class KelRequesterConfig;
 

@@ -120,10 +120,7 @@ void InotifyDirSm::onDirOverflow() { owner_->handleOverflow(); }
 
 Kel::Ptr<InotifyRequesterConfigSm> InotifyRequesterConfigSm::InotifyRequesterConfigSmIs(
     Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig, Kel::Ptr<RequesterStatus> requesterStatus) {
-  Kel::Ptr<InotifyRequesterConfigSm> sm = new InotifyRequesterConfigSm(name, std::move(requesterStatus));
-  sm->requesterConfigIs(requesterConfig);
-  sm->handleInitialized();
-  return sm;
+  return started(new InotifyRequesterConfigSm(name, std::move(requesterStatus)), requesterConfig);
 }
 
 InotifyRequesterConfigSm::InotifyRequesterConfigSm(Kel::Name name, Kel::Ptr<RequesterStatus> requesterStatus)

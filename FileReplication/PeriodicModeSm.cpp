@@ -17,10 +17,7 @@ class PeriodicRequesterConfigSm::KelClock
 
 Kel::Ptr<PeriodicRequesterConfigSm> PeriodicRequesterConfigSm::PeriodicRequesterConfigSmIs(
     Kel::Name name, Kel::Ptr<RequesterConfig const> requesterConfig, Kel::Ptr<RequesterStatus> requesterStatus) {
-  Kel::Ptr<PeriodicRequesterConfigSm> sm = new PeriodicRequesterConfigSm(name, std::move(requesterStatus));
-  sm->requesterConfigIs(requesterConfig);
-  sm->handleInitialized();
-  return sm;
+  return started(new PeriodicRequesterConfigSm(name, std::move(requesterStatus)), requesterConfig);
 }
 
 PeriodicRequesterConfigSm::PeriodicRequesterConfigSm(Kel::Name name, Kel::Ptr<RequesterStatus> requesterStatus)
