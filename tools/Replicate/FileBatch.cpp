@@ -123,7 +123,10 @@ void runToTheEnd(DestinationBatch& batch, const std::string& rsync, const std::v
     const ChildRun run = runCapturingErrors(rsync, batch.arguments(), {.input = list.fd(), .outputToStderr = true});
     if (!succeeded(run.status)) {
       const std::vector<std::string> inTheWay = directoriesInTheWay(run.errors, pruned);
-      for (const std::string& name : inTheWay) pruneLocalDirectory(targetRoot + name);
+      // A name rsync gives is pruned only when it could be one of ours.
+      for (const std::string& name : inTheWay) {
+        if (isPlainRelativeName(name)) pruneLocalDirectory(targetRoot + name);
+      }
       if (!inTheWay.empty()) continue;
     }
     std::fwrite(run.errors.data(), 1, run.errors.size(), stderr);
@@ -154,6 +157,7 @@ HostOutcome copyToHost(const RemoteHosts& hosts, const HostAddress& host, Destin
     if (!succeeded(run.status)) {
       const std::vector<std::string> inTheWay = directoriesInTheWay(run.errors, pruned);
       for (const std::string& name : inTheWay) {
+        if (!isPlainRelativeName(name)) continue;
         pruneRemoteDirectory(rsync, line.rsyncOptions, hosts.shell(), host, withTrailingSlash(line.target) + name);
       }
       if (!inTheWay.empty()) continue;
