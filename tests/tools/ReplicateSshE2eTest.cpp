@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -36,10 +37,9 @@ class Runtime {
     return found;
   }
   void closeConnections() const { closeSshConnections(controls()); }
-
- private:
   std::string controls() const { return directory_ / ("replicate-" + std::to_string(geteuid())); }
 
+ private:
   TempDir directory_;
 };
 
@@ -153,10 +153,21 @@ TEST(ReplicateSshE2e, CopiesIntoNewDirectoriesOfAnOldRsyncAndTellsWhenSshdIsDown
                 options});
   };
 
+  // The directories are sent from a tree in the control directory; one
+  // left there by a run that was killed goes with the next.
+  const pid_t dead = fork();
+  if (dead == 0) _exit(0);
+  ASSERT_EQ(waitpid(dead, nullptr, 0), dead);
+  ASSERT_EQ(mkdir(runtime.controls().c_str(), 0700), 0);
+  std::filesystem::create_directories(runtime.controls() + "/tree-" + std::to_string(dead) + "-left/a/b");
+
   writeFile(directory / "source", "first");
   ProcessResult result = copy("localhost");
   ASSERT_EQ(result.status, 0) << result.err << sshd.log();
   EXPECT_EQ(result.err, "");
+  for (const auto& entry : std::filesystem::directory_iterator(runtime.controls())) {
+    EXPECT_FALSE(entry.path().filename().string().starts_with("tree-")) << entry.path();
+  }
   EXPECT_EQ(readFile(directory / "elsewhere/made/on the/remote side/file"), "first");
   EXPECT_TRUE(std::filesystem::is_symlink(directory / "remote/kept/link"));
   struct stat kept {};

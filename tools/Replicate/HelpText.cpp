@@ -83,8 +83,9 @@ ENVIRONMENT
         is split into words. It receives [-l USER] HOST COMMAND... like ssh.
 
     XDG_RUNTIME_DIR
-        Where the private directory for shared ssh connections is made;
-        /tmp when unset or unsuitable.
+        Where the private directory for shared ssh connections, the hosts'
+        states and the small trees of directories sent to make missing ones
+        is made; /tmp when unset or unsuitable.
 
     PATH
         Where rsync and ssh are found.

@@ -1,5 +1,7 @@
 #include "tools/Replicate/RemoteDirectories.h"
 
+#include <dirent.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,10 +13,14 @@
 #include <string_view>
 
 #include "tools/Replicate/ChildStatus.h"
+#include "tools/Replicate/ControlDirectory.h"
+#include "tools/Replicate/DirectoriesInTheWay.h"
 
 namespace Replicate {
 
 namespace {
+
+constexpr std::string_view treePrefix = "tree-";
 
 bool holds(std::string_view text, std::string_view part) { return text.find(part) != std::string_view::npos; }
 
@@ -58,14 +64,33 @@ std::vector<std::string> reachingOptions(const std::vector<std::string>& options
   return kept;
 }
 
-// A private directory of our own, removed with what is below it.
+// Trees of runs killed before they removed theirs: a run that outlives its
+// time-out is killed outright.
+void removeTreesLeftBehind(const std::string& directory) {
+  DIR* dir = opendir(directory.c_str());
+  if (!dir) return;
+  while (const dirent* entry = readdir(dir)) {
+    const std::string_view name = entry->d_name;
+    if (!name.starts_with(treePrefix)) continue;
+    const long pid = std::strtol(entry->d_name + treePrefix.size(), nullptr, 10);
+    if (pid > 0 && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+      pruneLocalDirectory(directory + "/" + entry->d_name);
+    }
+  }
+  closedir(dir);
+}
+
+// A private directory of our own, removed with what is below it. It is in
+// the control directory, named by our pid, so that the next one made finds
+// it if we are killed first.
 class LocalTree {
  public:
   LocalTree() {
-    const char* temporary = std::getenv("TMPDIR");
-    root_ = std::string(temporary && temporary[0] == '/' ? temporary : "/tmp") + "/Replicate-directories.XXXXXX";
+    const std::string directory = controlDirectory();
+    removeTreesLeftBehind(directory);
+    root_ = directory + "/" + std::string(treePrefix) + std::to_string(getpid()) + "-XXXXXX";
     if (!mkdtemp(root_.data())) {
-      throw std::runtime_error("cannot make a temporary directory in " + root_ + ": " + std::strerror(errno));
+      throw std::runtime_error("cannot make a temporary directory " + root_ + ": " + std::strerror(errno));
     }
   }
   ~LocalTree() {
